@@ -1,0 +1,142 @@
+/*
+ * libkvaec - sub-band acoustic echo canceller for hands-free voice terminals.
+ *
+ * Public interface. One canceller instance lives in static global records
+ * inside the library: there is no handle, no allocation and no error code.
+ *
+ * Calling order
+ *   1. aecx_init()            once, before anything else (again = full restart)
+ *   2. aecx_process()         once per 10 ms frame (160 samples at 16 kHz)
+ *   3. aecx_control()         between frames, to change the mode word,
+ *                             load a configuration, set the NLP value or reset
+ *   4. aecx_spkeq()/miceq()   optional, on the loudspeaker / microphone frame
+ *   aecx_bist()               at any time between frames, as a health check
+ *
+ * Threading: every entry point runs on the caller's thread and touches the
+ * one global instance. Calls must be serialised by the host; none of them
+ * may run concurrently with another.
+ *
+ * Samples are 32-bit floats with full scale +-1.0.
+ */
+#ifndef KVAEC_H
+#define KVAEC_H
+
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define KVAEC_API
+#else
+/* Marks the symbols the library exports; everything else stays hidden. */
+#define KVAEC_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KVAEC_VERSION_MAJOR 0
+#define KVAEC_VERSION_MINOR 1
+#define KVAEC_VERSION_PATCH 0
+
+/* Samples per frame and path (10 ms at 16 kHz). */
+#define KVAEC_FRAME_SAMPLES 160
+/* Nominal sample rate in Hz. */
+#define KVAEC_SAMPLE_RATE 16000
+
+/* ---- aecx_control() command bits: acted on during the call, never stored ---- */
+/* Reset the canceller state to its start values (configuration kept). */
+#define KVAEC_CMD_RESET 0x1u
+/* With KVAEC_CMD_RESET: keep both adaptive filter banks through the reset. */
+#define KVAEC_CMD_KEEP_FILTERS 0x2u
+/* Store the call's float argument as the NLP value (dB, enters the echo-loss estimate). */
+#define KVAEC_CMD_SET_NLP_PARAM 0x4u
+/* Load a configuration: the record given, or the defaults when it is NULL. */
+#define KVAEC_CMD_LOAD_CFG 0x8u
+/* Mask of the four command bits. */
+#define KVAEC_CMD_MASK 0xFu
+
+/* ---- mode bits: stored in the mode word, read by the stages every frame ---- */
+/* Bypass: frames only pass the corrections and filter banks (same delays). */
+#define KVAEC_MODE_BYPASS 0x10u
+/* Freeze adaptation: both adaptive filters keep their coefficients. */
+#define KVAEC_MODE_FREEZE 0x20u
+/* Single-stage suppression: all NLP loss on the send path, none on the receive path. */
+#define KVAEC_MODE_SEND_ONLY_LOSS 0x40u
+/* No residual suppression: NLP gains computed but neither applied nor comfort noise added. */
+#define KVAEC_MODE_NO_NLP 0x100u
+/* No noise reduction: the noise-reduction chain is skipped. */
+#define KVAEC_MODE_NO_NR 0x200u
+/* No send high-pass; comfort noise then starts at strip 0 instead of strip 1. */
+#define KVAEC_MODE_NO_HIPASS 0x400u
+/* Loopback: the send frame is replaced by the delayed, attenuated receive signal. */
+#define KVAEC_MODE_LOOPBACK 0x2000u
+
+/*
+ * Configuration record: eight 32-bit fields, in this order.
+ * Copied into the instance by aecx_init() and by aecx_control() with
+ * KVAEC_CMD_LOAD_CFG; changes take effect at the next frame.
+ */
+typedef struct AEC_tCfg {
+    float fErlInitDb;     /* initial per-strip echo-path gain, dB (default -10); also the ERL floor */
+    float fNlpAttMaxDb;   /* upper NLP attenuation level, dB (default 45) */
+    float fNlpAttMinDb;   /* lower NLP attenuation level, dB (default 30) */
+    float fDtdMarginDb;   /* double-talk and NLP margin, dB (default 4.5) */
+    float fLevelFloorDb;  /* level below which a signal counts as absent, dB (default -95) */
+    float fNrLevelDb;     /* noise-reduction strength, 0 = off .. 1 = strongest (default 0) */
+    float fRinLevelRefDb; /* receive-level reference, dB (default 100) */
+    int32_t iProfile;     /* acoustic profile, integer: 0 none, 1..4 equalizer curves, 5/6 echo tail rules */
+} AEC_tCfg;
+
+/* Default configuration: -10, 45, 30, 4.5, -95, 0, 100, 0. Read-only. */
+KVAEC_API extern const AEC_tCfg AEC_DefaultCfg;
+
+/*
+ * Bring the whole instance to its start values and load `cfg`
+ * (NULL: AEC_DefaultCfg). Builds the band tables on the first call.
+ * The mode word becomes 0 (every stage on).
+ */
+KVAEC_API void aecx_init(const AEC_tCfg *cfg);
+
+/*
+ * Commands, mode word and configuration, applied in this order:
+ *   KVAEC_CMD_LOAD_CFG: copy `cfg` (NULL: defaults) into the instance;
+ *   KVAEC_CMD_RESET:    reset every state (keeps the configuration;
+ *                       with KVAEC_CMD_KEEP_FILTERS keeps both filter banks);
+ *   KVAEC_CMD_SET_NLP_PARAM: store `value`;
+ *   always: the mode word becomes `flags` without the four command bits.
+ * Every call replaces the whole mode word: pass the mode bits to keep.
+ * Unknown bits are stored and ignored. Call only between frames.
+ */
+KVAEC_API void aecx_control(unsigned flags, const AEC_tCfg *cfg, float value);
+
+/*
+ * Self-test: number of non-finite words (infinities, NaNs) found in the
+ * state, the scratch record and the three sub-band stores. 0 = sound.
+ * Only reads; a host that gets a non-zero count should reset.
+ */
+KVAEC_API int aecx_bist(void);
+
+/* Build the band and strip tables (aecx_init does it; calling again rewrites the same values). */
+KVAEC_API void aecx_init_tabs(void);
+
+/*
+ * Process one frame in place.
+ *   rin: 160 receive-path (loudspeaker) samples; on return the signal to play
+ *        (delayed by 40 samples, possibly attenuated by the NLP).
+ *   sin: 160 send-path (microphone) samples; on return the echo-cancelled,
+ *        suppressed send signal (delayed by 120 samples).
+ * The buffers must not overlap. aecx_init() must have been called.
+ */
+KVAEC_API void aecx_process(float *rin, float *sin);
+
+/* Equalise a 160-sample loudspeaker frame in place by iProfile (1..4); other profiles pass through. */
+KVAEC_API void aecx_spkeq(float *x);
+
+/* Equalise a 160-sample microphone frame in place by iProfile (1, 3, 4); other profiles pass through. */
+KVAEC_API void aecx_miceq(float *x);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KVAEC_H */

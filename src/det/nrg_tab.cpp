@@ -1,0 +1,3 @@
+// Placeholder table.
+#include "det.h"
+const float aecnrg_aCorrTab[AEC_NSTRIPS] = {};
