@@ -8,12 +8,12 @@ trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
 cmake -S "$src" -B "$tmp/build" -DCMAKE_PREFIX_PATH="$tmp/prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
 cmake --build "$tmp/build" >/dev/null
-LD_LIBRARY_PATH="$tmp/prefix/lib:$tmp/prefix/lib64:$(ls -d "$tmp"/prefix/lib/*/ 2>/dev/null | tr '\n' ':')" "$tmp/build/consumer_shared"
+libdir=$(dirname "$(find "$tmp/prefix" -name 'libkvaec.so' | head -n 1)")
+LD_LIBRARY_PATH="$libdir" "$tmp/build/consumer_shared"
 "$tmp/build/consumer_static"
 pc=$(find "$tmp/prefix" -name kvaec.pc)
 export PKG_CONFIG_PATH=$(dirname "$pc")
-flags=$(pkg-config --cflags --libs --static kvaec)
-"$cc" -o "$tmp/consumer_pc" "$src/consumer.c" $(pkg-config --cflags kvaec) \
-  "$(dirname "$pc")/../libkvaec.a" -lm
-"$tmp/consumer_pc"
+flags=$(pkg-config --cflags --libs kvaec)
+"$cc" -o "$tmp/consumer_pc" "$src/consumer.c" $flags
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir kvaec) "$tmp/consumer_pc"
 echo "pkg-config flags: $flags"
