@@ -1,10 +1,28 @@
-// Placeholder: not yet implemented.
+// Microphone equalizer: the loudspeaker equalizer's 48-tap FIR (one-sample
+// delay included, see spkeq.cpp) with its own history and curves for
+// profiles 1, 3 and 4; no high-pass and no gain. Any other profile (2
+// included) passes the frame through untouched.
 #include "eq.h"
 
+extern "C" {
+extern const float aeceq_afMicCurve[3][48];  // rows: profiles 1, 3, 4
+}
+
+void aeceq_fir48(float *hist, float *work, const float *h, float *x);
+
 void aec_miceq(AEC_tDb *db, AEC_tSc *sc, float *x) {
-    (void)db;
-    (void)sc;
-    (void)x;
+    const int32_t profile = db->tCfg.iProfile;
+    const float *h;
+    if (profile == 3) {
+        h = aeceq_afMicCurve[1];
+    } else if (profile == 4) {
+        h = aeceq_afMicCurve[2];
+    } else if (profile == 1) {
+        h = aeceq_afMicCurve[0];
+    } else {
+        return;
+    }
+    aeceq_fir48(db->afMicEqHist, sc->afEqWork, h, x);
 }
 
 void aecx_miceq(float *x) { aec_miceq(&AEC_Db, &AEC_Sc, x); }
