@@ -6,19 +6,10 @@
 // which is the sample just before the current one (see spkeq.cpp).
 // The values are fixed measurement data of the profiles; they are not
 // derived from a formula and must be kept digit for digit.
-#include "kvaec_records.h"
+#include "eq.h"
 
 extern "C" {
 
-// Loudspeaker curves, rows = profiles 1, 2, 3, 4.
-extern const float aeceq_afSpkCurve[4][48];
-// Microphone curves, rows = profiles 1, 3, 4 (profile 2 has none).
-extern const float aeceq_afMicCurve[3][48];
-// High-pass sections of loudspeaker profiles 3 and 4 in the (c0, c1, c2, c3)
-// form of aec_ssfilter, applied in row order.
-extern const float aeceq_afSpkHpCoef[3][4];
-// Gain applied after the high-pass cascade.
-extern const float aeceq_fSpkHpGain;
 
 const float aeceq_afSpkCurve[4][48] = {
     {   // profile 1

@@ -4,12 +4,6 @@
 // included) passes the frame through untouched.
 #include "eq.h"
 
-extern "C" {
-extern const float aeceq_afMicCurve[3][48];  // rows: profiles 1, 3, 4
-}
-
-void aeceq_fir48(float *hist, float *work, const float *h, float *x);
-
 void aec_miceq(AEC_tDb *db, AEC_tSc *sc, float *x) {
     const int32_t profile = db->tCfg.iProfile;
     const float *h;

@@ -15,15 +15,6 @@
 
 #include "../cond/cond.h"
 
-extern "C" {
-extern const float aeceq_afSpkCurve[4][48];
-extern const float aeceq_afSpkHpCoef[3][4];
-extern const float aeceq_fSpkHpGain;
-}
-
-// Shared with the microphone equalizer (not exported).
-void aeceq_fir48(float *hist, float *work, const float *h, float *x);
-
 namespace {
 constexpr int kFrame = 160;
 constexpr int kTaps = 48;

@@ -9,11 +9,6 @@
 #include "eq/eq.h"
 #include "kvaec_records.h"
 
-extern "C" {
-extern const float aeceq_afMicCurve[3][48];  // rows: profiles 1, 3, 4
-extern const float aeceq_afSpkCurve[4][48];
-}
-
 namespace {
 
 void set_profile(int p) {

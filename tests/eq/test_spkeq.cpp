@@ -9,12 +9,6 @@
 #include "eq/eq.h"
 #include "kvaec_records.h"
 
-extern "C" {
-extern const float aeceq_afSpkCurve[4][48];
-extern const float aeceq_afSpkHpCoef[3][4];
-extern const float aeceq_fSpkHpGain;
-}
-
 namespace {
 
 void set_profile(int p) {
