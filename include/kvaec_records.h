@@ -150,7 +150,7 @@ typedef struct AEC_tDb {
  * only inside the named stages, and those stages never run interleaved:
  *   afFbTime/afFbWork  filter-bank analyses and syntheses
  *   acStepErr/acRefWhite  aec_adf_adapt (aec_adapt1/2/4)
- *   afNrgWork          aec_nrg_in, aec_nrg_erf, aec_nrg_blk
+ *   afNrgWork          aec_nrg_in, aec_nrg_erf
  *   afExpSpreadDb      aec_exp_full
  *   atNr               aec_nr
  *   afEqWork           aec_spkeq / aec_miceq (outside aecx_process)
