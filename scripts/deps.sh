@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the tools need,
-# only when some are missing. Sourced by scripts/demo and scripts/test.
-kvaec_install_deps() {
-  local pkgs=(cmake make g++ pkg-config libgtest-dev googletest libbenchmark-dev
-              python3-numpy python3-scipy python3-matplotlib libsndfile1-dev)
-  if [ "$(dpkg --print-architecture 2>/dev/null)" = amd64 ]; then pkgs+=(g++-multilib); fi
+# Installs Debian packages the project needs, only when some are missing.
+# Sourced by scripts/demo, scripts/test and scripts/evaluate.
+
+# Installs the packages given as arguments that are not installed yet.
+kvaec_install_missing() {
   local missing=()
-  for p in "${pkgs[@]}"; do
+  for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
   done
   [ ${#missing[@]} -eq 0 ] && return 0
@@ -15,4 +14,20 @@ kvaec_install_deps() {
   [ "$(id -u)" -ne 0 ] && sudo=sudo
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# The build, the tests and the tools.
+kvaec_install_deps() {
+  local pkgs=(cmake make g++ pkg-config libgtest-dev googletest libbenchmark-dev
+              python3-numpy python3-scipy python3-matplotlib python3-pytest
+              libsndfile1-dev libsamplerate0-dev libcli11-dev espeak-ng)
+  if [ "$(dpkg --print-architecture 2>/dev/null)" = amd64 ]; then pkgs+=(g++-multilib); fi
+  kvaec_install_missing "${pkgs[@]}"
+}
+
+# The peers and tools of the comparison (scripts/evaluate); the normal build
+# and tests do not need them.
+kvaec_install_eval_deps() {
+  kvaec_install_missing libspeexdsp-dev libwebrtc-audio-processing-dev espeak-ng pkg-config \
+    python3-numpy python3-scipy python3-matplotlib
 }

@@ -89,6 +89,7 @@ ClosedLoop::ClosedLoop(std::vector<float> path, int playbackFrames)
     : path_(std::move(path)), playbackDelay_((playbackFrames < 1 ? 1 : playbackFrames) * kFrame) {
     playedHist_.assign(static_cast<size_t>(playbackDelay_) + 8000, 0.0f);
     micEcho_.assign(kFrame, 0.0f);
+    micIn_.assign(kFrame, 0.0f);
 }
 
 FrameStats ClosedLoop::step(const float *far, const float *near, float *out, float *played) {
@@ -114,8 +115,11 @@ FrameStats ClosedLoop::step(const float *far, const float *near, float *out, flo
     FrameStats st{};
     st.farDb = levelDb(far, kFrame);
     st.echoDb = levelDb(micEcho_.data(), kFrame);
+    if (micFilter_) micFilter_(sin);
+    for (int n = 0; n < kFrame; ++n) micIn_[static_cast<size_t>(n)] = sin[n];
     st.micDb = levelDb(sin, kFrame);
     aecx_process(rin, sin);
+    if (playFilter_) playFilter_(rin);
     st.outDb = levelDb(sin, kFrame);
     st.playedDb = levelDb(rin, kFrame);
     st.farActive = powerOf(far, kFrame) > 1e-12;
@@ -125,7 +129,11 @@ FrameStats ClosedLoop::step(const float *far, const float *near, float *out, flo
     st.adaptTime = AEC_Db.fAdaptTime;
     // Append the played frame to the history (keep it bounded).
     playedHist_.erase(playedHist_.begin(), playedHist_.begin() + kFrame);
-    playedHist_.insert(playedHist_.end(), rin, rin + kFrame);
+    if (speaker_) {
+        for (int n = 0; n < kFrame; ++n) playedHist_.push_back(speaker_(rin[n]));
+    } else {
+        playedHist_.insert(playedHist_.end(), rin, rin + kFrame);
+    }
     if (out)
         for (int n = 0; n < kFrame; ++n) out[n] = sin[n];
     if (played)

@@ -82,6 +82,22 @@ public:
 
     void setPath(std::vector<float> path) { path_ = std::move(path); }
 
+    // Optional host-side stages around the library (all off by default):
+    //  - playback filter: runs in place on the library's receive output frame;
+    //    its result is what is played (returned in `played`, echoed);
+    //  - loudspeaker: memoryless curve applied to every played sample on its
+    //    way into the echo path (e.g. a soft-clipping loudspeaker);
+    //  - microphone filter: runs in place on the microphone frame (echo plus
+    //    near signal) before it is handed to the library.
+    void setPlaybackFilter(std::function<void(float *)> f) { playFilter_ = std::move(f); }
+    void setLoudspeaker(std::function<float(float)> f) { speaker_ = std::move(f); }
+    void setMicFilter(std::function<void(float *)> f) { micFilter_ = std::move(f); }
+
+    // Echo component and microphone frame (as handed to the library) of the
+    // last step, 160 samples each.
+    const float *lastEcho() const { return micEcho_.data(); }
+    const float *lastMic() const { return micIn_.data(); }
+
     // Runs one frame: far (160 samples) goes to the library; near is added at
     // the microphone. Writes what the library sends to `out` and what it plays
     // to `played` (either may be null). Returns the frame's statistics.
@@ -96,6 +112,10 @@ private:
     std::vector<float> path_;
     std::vector<float> playedHist_;  // played samples, oldest first
     std::vector<float> micEcho_;     // echo of the current frame
+    std::vector<float> micIn_;       // microphone frame handed to the library
+    std::function<void(float *)> playFilter_;
+    std::function<float(float)> speaker_;
+    std::function<void(float *)> micFilter_;
     int playbackDelay_;
     std::vector<FrameStats> hist_;
 };

@@ -1,0 +1,416 @@
+// Tests of the kvaec program: it is run on files the tests make, and its
+// exit code, messages and outputs are checked.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <dirent.h>
+#include <fstream>
+#include <random>
+#include <sndfile.h>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct ToolRun {
+    int code;
+    std::string out;  // stdout and stderr together
+};
+
+ToolRun kvaec(const std::string &args) {
+    const std::string cmd = std::string(KVAEC_TOOL_EXE) + " " + args + " 2>&1";
+    FILE *p = ::popen(cmd.c_str(), "r");
+    ToolRun r{-1, {}};
+    if (!p) return r;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+    const int st = ::pclose(p);
+    r.code = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+bool has(const ToolRun &r, const std::string &s) { return r.out.find(s) != std::string::npos; }
+
+bool exists(const std::string &p) { return ::access(p.c_str(), F_OK) == 0; }
+
+std::vector<std::string> listDir(const std::string &d) {
+    std::vector<std::string> v;
+    DIR *dir = ::opendir(d.c_str());
+    if (!dir) return v;
+    while (dirent *e = ::readdir(dir)) {
+        const std::string n = e->d_name;
+        if (n != "." && n != "..") v.push_back(n);
+    }
+    ::closedir(dir);
+    return v;
+}
+
+void writeWav(const std::string &path, const std::vector<float> &x, int rate = 16000, int channels = 1,
+              int format = SF_FORMAT_WAV | SF_FORMAT_FLOAT) {
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = format;
+    SNDFILE *f = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(f, nullptr) << sf_strerror(nullptr);
+    sf_writef_float(f, x.data(), static_cast<sf_count_t>(x.size() / static_cast<size_t>(channels)));
+    sf_close(f);
+}
+
+struct Wav {
+    int rate = 0;
+    std::vector<float> x;
+};
+
+Wav readWav(const std::string &path) {
+    SF_INFO info{};
+    SNDFILE *f = sf_open(path.c_str(), SFM_READ, &info);
+    Wav w;
+    if (!f) return w;
+    w.rate = info.samplerate;
+    w.x.resize(static_cast<size_t>(info.frames * info.channels));
+    sf_readf_float(f, w.x.data(), info.frames);
+    sf_close(f);
+    return w;
+}
+
+std::vector<float> noise(unsigned seed, size_t n, float amp = 0.05f) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> g(0.0f, 1.0f);
+    std::vector<float> x(n);
+    for (float &v : x) v = amp * g(rng);
+    return x;
+}
+
+// Microphone recording: the far end `delay` samples late at half amplitude,
+// plus a little noise.
+std::vector<float> echoOf(const std::vector<float> &far, size_t delay, size_t len) {
+    std::vector<float> m = noise(99, len, 0.001f);
+    for (size_t i = delay; i < len && i - delay < far.size(); ++i) m[i] += 0.5f * far[i - delay];
+    return m;
+}
+
+// Lag (in [-range, range]) at which b best matches a (b[i] ~ a[i - lag]).
+long bestLag(const std::vector<float> &a, const std::vector<float> &b, long range) {
+    long best = 0;
+    double bv = -1;
+    for (long lag = -range; lag <= range; ++lag) {
+        double s = 0;
+        for (long i = 2000; i < static_cast<long>(std::min(a.size(), b.size())) - 2000; ++i)
+            s += static_cast<double>(a[static_cast<size_t>(i - lag)]) * b[static_cast<size_t>(i)];
+        if (std::fabs(s) > bv) {
+            bv = std::fabs(s);
+            best = lag;
+        }
+    }
+    return best;
+}
+
+class Tool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char t[] = "/tmp/kvaec-clitest-XXXXXX";
+        ASSERT_NE(::mkdtemp(t), nullptr);
+        dir = t;
+    }
+    void TearDown() override {
+        std::system(("rm -rf '" + dir + "'").c_str());
+    }
+    std::string p(const std::string &name) const { return dir + "/" + name; }
+    // A 3 s far end and its echo 50 ms late.
+    void makePair(size_t delay = 800, double seconds = 3.0) {
+        const size_t n = static_cast<size_t>(seconds * 16000);
+        far = noise(1, n);
+        writeWav(p("far.wav"), far);
+        writeWav(p("mic.wav"), echoOf(far, delay, n));
+    }
+    std::string dir;
+    std::vector<float> far;
+};
+
+}  // namespace
+
+TEST_F(Tool, HelpNamesEveryConfigurationFieldAndModeBit) {
+    const ToolRun r = kvaec("process --help");
+    EXPECT_EQ(r.code, 0);
+    for (const char *s : {"fErlInitDb", "fNlpAttMaxDb", "fNlpAttMinDb", "fDtdMarginDb", "fLevelFloorDb", "fNrLevelDb",
+                          "fRinLevelRefDb", "iProfile", "0x10", "0x20", "0x40", "0x100", "0x200", "0x400", "0x2000",
+                          "always set by 'process'"})
+        EXPECT_TRUE(has(r, s)) << s;
+}
+
+TEST_F(Tool, ProcessEstimatesBulkDelayAndWritesOutputOfMicrophoneLength) {
+    makePair(800);
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "bulk delay:      50.00 ms (800 samples")) << r.out;
+    // 800 - 40 (receive delay) - 32 (2 ms margin): the far end is delayed.
+    EXPECT_TRUE(has(r, "far end delayed 728 samples, microphone delayed 0 samples")) << r.out;
+    EXPECT_TRUE(has(r, "real-time factor")) << r.out;
+    EXPECT_TRUE(has(r, "ERLE:")) << r.out;
+    const Wav o = readWav(p("out.wav"));
+    EXPECT_EQ(o.rate, 16000);
+    EXPECT_EQ(o.x.size(), 48000u);
+    EXPECT_EQ(listDir(dir).size(), 3u);  // no temporary file left
+}
+
+TEST_F(Tool, ProcessUsesGivenDelay) {
+    makePair(800);
+    const ToolRun r = kvaec("process -q --delay 20 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "20.00 ms (320 samples, given)")) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 248 samples")) << r.out;
+}
+
+TEST_F(Tool, ProcessDelaysMicrophoneWhenEchoIsEarlierThanReceiveDelay) {
+    makePair(0);
+    const ToolRun r = kvaec("process -q --delay 0 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed 72 samples")) << r.out;
+}
+
+TEST_F(Tool, ProcessOutputsLineUpWithTheirRecordings) {
+    // In bypass the signals only pass the filter banks and fixed corrections,
+    // so each output must match its input at lag 0 after the realignment.
+    makePair(800);
+    const ToolRun r = kvaec("process -q --bypass --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav") +
+                        " --far-out " + p("farout.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    const Wav mic = readWav(p("mic.wav")), out = readWav(p("out.wav")), fo = readWav(p("farout.wav"));
+    ASSERT_EQ(out.x.size(), mic.x.size());
+    ASSERT_EQ(fo.x.size(), far.size());
+    EXPECT_EQ(bestLag(mic.x, out.x, 200), 0);
+    EXPECT_EQ(bestLag(far, fo.x, 200), 0);
+}
+
+TEST_F(Tool, ProcessResamplesOtherRatesAndSaysSo) {
+    const std::vector<float> f48 = noise(3, 48000 * 2);
+    writeWav(p("far.wav"), f48, 48000);
+    writeWav(p("mic.wav"), echoOf(f48, 2400, f48.size()), 48000);
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "resampled from 48000 Hz to 16000 Hz")) << r.out;
+    EXPECT_TRUE(has(r, "bulk delay:      50.00 ms")) << r.out;
+    const Wav o = readWav(p("out.wav"));
+    EXPECT_EQ(o.rate, 16000);
+    EXPECT_NEAR(static_cast<double>(o.x.size()), 32000.0, 2.0);
+}
+
+TEST_F(Tool, ProcessRefusesOtherRateWhenResamplingIsOff) {
+    writeWav(p("far.wav"), noise(3, 8000), 8000);
+    writeWav(p("mic.wav"), noise(4, 8000), 8000);
+    const ToolRun r = kvaec("process --no-resample --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_NE(r.code, 0);
+    EXPECT_TRUE(has(r, "8000 Hz")) << r.out;
+    EXPECT_TRUE(has(r, "--no-resample")) << r.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+    EXPECT_EQ(listDir(dir).size(), 2u);
+}
+
+TEST_F(Tool, ProcessNeedsChannelChoiceForMultiChannelInput) {
+    makePair(800);
+    const std::vector<float> m = readWav(p("mic.wav")).x;
+    std::vector<float> st(2 * m.size());
+    for (size_t i = 0; i < m.size(); ++i) {
+        st[2 * i] = 0.0f;
+        st[2 * i + 1] = m[i];
+    }
+    writeWav(p("mic2.wav"), st, 16000, 2);
+    ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic2.wav") + " -o " + p("out.wav"));
+    EXPECT_NE(r.code, 0);
+    EXPECT_TRUE(has(r, "2 channels: choose one with --channel N")) << r.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+    r = kvaec("process -q --channel 2 --far " + p("far.wav") + " --mic " + p("mic2.wav") + " -o " + p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "50.00 ms")) << r.out;  // channel 2 carries the echo
+}
+
+TEST_F(Tool, ProcessHandlesAndReportsDifferentLengths) {
+    far = noise(1, 32000);
+    writeWav(p("far.wav"), far);
+    writeWav(p("mic.wav"), echoOf(far, 800, 40000));
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav") +
+                        " --far-out " + p("fo.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "differ in length (far end 2.000 s, microphone 2.500 s)")) << r.out;
+    EXPECT_EQ(readWav(p("out.wav")).x.size(), 40000u);
+    EXPECT_EQ(readWav(p("fo.wav")).x.size(), 32000u);
+}
+
+TEST_F(Tool, ProcessFailsClearlyOnMissingFile) {
+    makePair();
+    const ToolRun r = kvaec("process --far " + p("nope.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "kvaec: error: cannot open '" + p("nope.wav") + "': No such file or directory")) << r.out;
+    EXPECT_EQ(listDir(dir).size(), 2u);  // no output, no temporary file
+}
+
+TEST_F(Tool, ProcessFailsClearlyOnNonAudioFile) {
+    makePair();
+    std::ofstream(p("notes.wav")) << "hello, this is text\n";
+    const ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("notes.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "is not a readable audio file")) << r.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+}
+
+TEST_F(Tool, ProcessFailsBeforeWorkWhenOutputIsNotWritable) {
+    makePair();
+    ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("no/such/dir/out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "cannot write '" + p("no/such/dir/out.wav") + "'")) << r.out;
+    // One good and one bad output: neither appears.
+    r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav") + " --far-out " + dir);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "is a directory")) << r.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+    EXPECT_EQ(listDir(dir).size(), 2u);
+}
+
+TEST_F(Tool, FailedRunLeavesExistingOutputUntouched) {
+    makePair();
+    std::ofstream(p("out.wav")) << "previous result";
+    std::ofstream(p("bad.wav")) << "garbage";
+    const ToolRun r = kvaec("process --far " + p("bad.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 1);
+    std::ifstream in(p("out.wav"));
+    std::stringstream ss;
+    ss << in.rdbuf();
+    EXPECT_EQ(ss.str(), "previous result");
+}
+
+TEST_F(Tool, ProcessWarnsOnSilentFarEnd) {
+    writeWav(p("far.wav"), std::vector<float>(32000, 0.0f));
+    writeWav(p("mic.wav"), noise(2, 32000));
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "warning: the far end is silent")) << r.out;
+    EXPECT_TRUE(has(r, "no far-end activity")) << r.out;
+    EXPECT_TRUE(exists(p("out.wav")));
+}
+
+TEST_F(Tool, ProcessWarnsOnClippingInput) {
+    makePair();
+    std::vector<float> m = readWav(p("mic.wav")).x;
+    for (size_t i = 16000; i < 16010; ++i) m[i] = 1.0f;
+    writeWav(p("mic.wav"), m);
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "warning: microphone input clips: 10 samples at full scale, first at 1.00 s")) << r.out;
+}
+
+TEST_F(Tool, ProcessRecoversFromNonFiniteInputAndGoesOn) {
+    makePair(800);
+    std::vector<float> m = readWav(p("mic.wav")).x;
+    m[24000] = std::nanf("");  // at 1.5 s
+    writeWav(p("mic.wav"), m);
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "microphone input holds 1 non-finite samples")) << r.out;
+    EXPECT_TRUE(has(r, "canceller reset (mode kept)")) << r.out;
+    EXPECT_TRUE(has(r, "health: ")) << r.out;
+    EXPECT_FALSE(has(r, "health: no failures")) << r.out;
+    const Wav o = readWav(p("out.wav"));
+    ASSERT_EQ(o.x.size(), m.size());
+    for (float v : o.x) ASSERT_TRUE(std::isfinite(v));
+}
+
+TEST_F(Tool, ProcessRejectsBadDelayText) {
+    makePair();
+    const ToolRun r = kvaec("process --delay soon --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "--delay takes 'auto' or a non-negative number of milliseconds")) << r.out;
+}
+
+TEST_F(Tool, MissingRequiredOptionIsAUsageError) {
+    const ToolRun r = kvaec("process --far x.wav");
+    EXPECT_EQ(r.code, 2);
+    EXPECT_TRUE(has(r, "kvaec: error:")) << r.out;
+    EXPECT_TRUE(has(r, "--mic")) << r.out;
+}
+
+TEST_F(Tool, SimulateWritesEveryOutputAndFigures) {
+    const ToolRun r = kvaec("simulate -q --no-plot --duration 4 -o " + p("sim"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    for (const char *f : {"mic.wav", "send.wav", "played.wav", "echo.wav", "far.wav", "near.wav", "frames.csv"})
+        EXPECT_TRUE(exists(p("sim/") + f)) << f;
+    EXPECT_EQ(readWav(p("sim/send.wav")).x.size(), 64000u);
+    std::ifstream csv(p("sim/frames.csv"));
+    std::string line;
+    int lines = 0;
+    std::getline(csv, line);
+    EXPECT_EQ(line.rfind("frame,time_s,far_db,near_db,echo_db,mic_db,out_db,played_db,erle_db,far_active,near_active,"
+                         "double_talk,tone_alarm_db,epc_db,adapt_time", 0), 0u);
+    while (std::getline(csv, line)) ++lines;
+    EXPECT_EQ(lines, 400);
+    for (const char *s : {"ERLE over time", "total echo loss:", "double talk:", "health: no failures", "plot:             skipped (--no-plot)"})
+        EXPECT_TRUE(has(r, s)) << s << "\n" << r.out;
+    EXPECT_EQ(listDir(p("sim")).size(), 7u);
+}
+
+TEST_F(Tool, SimulateWithBuiltinSpeechSaysSo) {
+    const ToolRun r = kvaec("simulate -q --no-plot --no-espeak --duration 2 -o " + p("sim"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "far end:          built-in speech-like signal")) << r.out;
+}
+
+TEST_F(Tool, SimulateEchoIsMadeFromWhatWasPlayed) {
+    // Impulse response: one tap of 0.5 at 30 ms; playback latency 20 ms.
+    std::vector<float> ir(480, 0.0f);
+    ir[479] = 0.5f;
+    writeWav(p("ir.wav"), ir);
+    const ToolRun r = kvaec("simulate -q --no-plot --no-eq --no-espeak --duration 3 --latency 20 --rir " + p("ir.wav") +
+                        " -o " + p("sim"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    const Wav played = readWav(p("sim/played.wav")), echo = readWav(p("sim/echo.wav")),
+              mic = readWav(p("sim/mic.wav")), near = readWav(p("sim/near.wav"));
+    ASSERT_EQ(echo.x.size(), played.x.size());
+    const size_t lag = 320 + 479;
+    double e = 0;
+    for (size_t i = 0; i < echo.x.size(); ++i) {
+        const float want = i >= lag ? 0.5f * played.x[i - lag] : 0.0f;
+        // One product summed in double and rounded to float: exact.
+        ASSERT_EQ(echo.x[i], want) << i;
+        e += std::fabs(want);
+        // Microphone = echo + near-end signal, one float addition.
+        ASSERT_EQ(mic.x[i], echo.x[i] + near.x[i]) << i;
+    }
+    EXPECT_GT(e, 1.0);  // the far end was really played
+}
+
+TEST_F(Tool, SimulateNoiseFollowsSnr) {
+    writeWav(p("silent.wav"), std::vector<float>(48000, 0.0f));
+    const ToolRun r = kvaec("simulate -q --no-plot --no-espeak --duration 3 --near " + p("silent.wav") +
+                        " --noise pink --snr 25 -o " + p("sim"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    const Wav n = readWav(p("sim/near.wav"));
+    double s = 0;
+    for (float v : n.x) s += static_cast<double>(v) * v;
+    // Near-end talker reference -30 dBFS, 25 dB below: -55 dBFS, set exactly
+    // on the generated noise (float rounding only).
+    EXPECT_NEAR(10.0 * std::log10(s / static_cast<double>(n.x.size())), -55.0, 0.05);
+}
+
+TEST_F(Tool, SimulateRejectsPositionOutsideRoom) {
+    const ToolRun r = kvaec("simulate -q --no-plot --room 3x3x2.5 --mic-pos 4,1,1 -o " + p("sim"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "microphone position lies outside the room")) << r.out;
+    EXPECT_TRUE(listDir(p("sim")).empty());
+}
+
+TEST_F(Tool, SimulateResetsOnNonFiniteFarEndAndGoesOn) {
+    std::vector<float> f = noise(5, 48000);
+    f[20000] = INFINITY;
+    writeWav(p("far.wav"), f);
+    const ToolRun r = kvaec("simulate -q --no-plot --far " + p("far.wav") + " -o " + p("sim"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "canceller reset (mode kept)")) << r.out;
+    for (const char *w : {"sim/send.wav", "sim/played.wav", "sim/echo.wav"})
+        for (float v : readWav(p(w)).x) ASSERT_TRUE(std::isfinite(v)) << w;
+}

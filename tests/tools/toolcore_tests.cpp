@@ -1,0 +1,307 @@
+// Tests of the kvaec tool's building blocks: FFT and delay estimate, room
+// model, file input/output and the health watch.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <cstdio>
+#include <dirent.h>
+#include <random>
+#include <sndfile.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "audio_io.h"
+#include "delay.h"
+#include "health.h"
+#include "kvaec.h"
+#include "kvaec_records.h"
+#include "rir.h"
+
+using namespace kvaec::tool;
+
+namespace {
+
+std::vector<float> noise(unsigned seed, size_t n, float amp = 0.1f) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> g(0.0f, 1.0f);
+    std::vector<float> x(n);
+    for (float &v : x) v = amp * g(rng);
+    return x;
+}
+
+std::string tempDir() {
+    char t[] = "/tmp/kvaec-tooltest-XXXXXX";
+    EXPECT_NE(::mkdtemp(t), nullptr);
+    return t;
+}
+
+std::vector<std::string> listDir(const std::string &d) {
+    std::vector<std::string> v;
+    DIR *dir = ::opendir(d.c_str());
+    if (!dir) return v;
+    while (dirent *e = ::readdir(dir)) {
+        const std::string n = e->d_name;
+        if (n != "." && n != "..") v.push_back(n);
+    }
+    ::closedir(dir);
+    return v;
+}
+
+void removeTree(const std::string &d) {
+    for (const std::string &n : listDir(d)) ::unlink((d + "/" + n).c_str());
+    ::rmdir(d.c_str());
+}
+
+}  // namespace
+
+TEST(Fft, MatchesDirectTransform) {
+    const size_t n = 64;
+    const std::vector<float> x = noise(1, 2 * n, 1.0f);
+    std::vector<std::complex<double>> a(n);
+    for (size_t i = 0; i < n; ++i) a[i] = {x[2 * i], x[2 * i + 1]};
+    std::vector<std::complex<double>> b = a;
+    ASSERT_TRUE(fft(b, false));
+    for (size_t k = 0; k < n; ++k) {
+        std::complex<double> s = 0;
+        for (size_t i = 0; i < n; ++i) s += a[i] * std::polar(1.0, -2.0 * M_PI * static_cast<double>(i * k) / n);
+        // Double precision over 64 terms of magnitude ~1: errors far below 1e-9.
+        EXPECT_NEAR(b[k].real(), s.real(), 1e-9);
+        EXPECT_NEAR(b[k].imag(), s.imag(), 1e-9);
+    }
+}
+
+TEST(Fft, InverseRestoresInput) {
+    const std::vector<float> x = noise(2, 1024, 1.0f);
+    std::vector<std::complex<double>> a(x.begin(), x.end()), b = a;
+    ASSERT_TRUE(fft(b, false));
+    ASSERT_TRUE(fft(b, true));
+    for (size_t i = 0; i < a.size(); ++i) EXPECT_NEAR(b[i].real(), a[i].real(), 1e-12);
+}
+
+TEST(Fft, RejectsLengthThatIsNotAPowerOfTwo) {
+    std::vector<std::complex<double>> a(48);
+    EXPECT_FALSE(fft(a, false));
+}
+
+TEST(DelayEstimate, FindsBulkDelayOfReverberantEcho) {
+    const std::vector<float> far = noise(3, 16000 * 4);
+    // Echo: direct path 700 samples late, two weaker reflections later.
+    std::vector<float> mic(far.size(), 0.0f);
+    const std::vector<float> n = noise(4, far.size(), 0.005f);
+    for (size_t i = 0; i < far.size(); ++i) {
+        float v = n[i];
+        if (i >= 700) v += 0.5f * far[i - 700];
+        if (i >= 760) v += 0.3f * far[i - 760];
+        if (i >= 1100) v += -0.2f * far[i - 1100];
+        mic[i] = v;
+    }
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    ASSERT_TRUE(e.found);
+    EXPECT_EQ(e.delay, 700);
+    EXPECT_GT(e.peakToMean, 20.0);
+}
+
+TEST(DelayEstimate, FindsInvertedEchoAndStartsAtFarEndActivity) {
+    std::vector<float> far(16000 * 5, 0.0f);
+    const std::vector<float> act = noise(5, 16000 * 3);
+    for (size_t i = 0; i < act.size(); ++i) far[16000 * 2 + i] = act[i];  // silent for 2 s
+    std::vector<float> mic(far.size(), 0.0f);
+    for (size_t i = 333; i < far.size(); ++i) mic[i] = -0.7f * far[i - 333];
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 2.0);
+    ASSERT_TRUE(e.found);
+    EXPECT_EQ(e.delay, 333);
+    EXPECT_DOUBLE_EQ(e.startSec, 2.0);
+}
+
+TEST(DelayEstimate, ReportsNothingForSilentFarEnd) {
+    const std::vector<float> far(16000, 0.0f), mic = noise(6, 16000);
+    EXPECT_FALSE(estimateDelay(far, mic, 16000, 8000, 2.0).found);
+}
+
+TEST(RoomModel, ReflectionCoefficientFollowsSabine) {
+    Room r;
+    r.size = {4.0, 5.0, 2.5};
+    r.rt60 = 0.5;
+    // V = 50, S = 2 (20 + 10 + 12.5) = 85, alpha = 0.161 * 50 / (85 * 0.5).
+    const double alpha = 0.161 * 50.0 / 42.5;
+    EXPECT_NEAR(reflectionCoefficient(r), std::sqrt(1.0 - alpha), 1e-12);
+}
+
+TEST(RoomModel, DirectPathArrivesAtDistanceOverSoundSpeed) {
+    Room r;
+    r.size = {6.0, 6.0, 3.0};
+    r.rt60 = 0.05;  // nearly absorbing walls: the direct path dominates
+    r.mic = {3.0, 3.0, 1.5};
+    r.spk = {3.0, 3.0 + 0.686, 1.5};  // 0.686 m = 32 samples at 16 kHz
+    const std::vector<float> h = imageMethodRir(r, 16000, 800);
+    size_t peak = 0;
+    for (size_t i = 1; i < h.size(); ++i)
+        if (std::fabs(h[i]) > std::fabs(h[peak])) peak = i;
+    EXPECT_EQ(peak, 32u);
+    // Amplitude 1 / (4 pi d) at an integer delay: the sinc tap is exactly 1.
+    EXPECT_NEAR(h[32], 1.0 / (4.0 * M_PI * 0.686), 0.02 / (4.0 * M_PI * 0.686));
+}
+
+TEST(RoomModel, LongerReverberationGivesMoreLateEnergy) {
+    Room a, b;
+    a.rt60 = 0.2;
+    b.rt60 = 0.6;
+    const std::vector<float> ha = imageMethodRir(a, 16000, 6000), hb = imageMethodRir(b, 16000, 6000);
+    auto late = [](const std::vector<float> &h) {
+        double e = 0;
+        for (size_t i = 1600; i < h.size(); ++i) e += static_cast<double>(h[i]) * h[i];
+        return e;
+    };
+    EXPECT_GT(late(hb), 10.0 * late(ha));
+}
+
+TEST(RoomModel, RejectsPositionOutsideRoom) {
+    Room r;
+    r.mic = {9.0, 1.0, 1.0};
+    EXPECT_THROW(imageMethodRir(r, 16000, 100), std::invalid_argument);
+}
+
+TEST(RoomModel, ScaleToErlSetsEnergy) {
+    std::vector<float> h = noise(7, 500);
+    scaleToErl(h, 12.0);
+    double e = 0;
+    for (float v : h) e += static_cast<double>(v) * v;
+    // Single-precision storage of 500 taps: relative error well below 1e-5.
+    EXPECT_NEAR(10.0 * std::log10(e), -12.0, 1e-4);
+}
+
+TEST(RoomModel, ParsesThreeNumbers) {
+    Vec3 v{};
+    EXPECT_TRUE(parseVec3("4x5x2.7", v));
+    EXPECT_DOUBLE_EQ(v[2], 2.7);
+    EXPECT_TRUE(parseVec3("1,2.5,3", v));
+    EXPECT_DOUBLE_EQ(v[1], 2.5);
+    EXPECT_FALSE(parseVec3("1,2", v));
+    EXPECT_FALSE(parseVec3("1,2,3,4", v));
+    EXPECT_FALSE(parseVec3("a,b,c", v));
+}
+
+TEST(AudioFiles, OutputAppearsOnlyOnCommit) {
+    const std::string d = tempDir();
+    {
+        OutputSet o;
+        const int i = o.add(d + "/a.wav");
+        o.writeWav(i, std::vector<float>(100, 0.25f), 16000);
+        EXPECT_EQ(::access((d + "/a.wav").c_str(), F_OK), -1);
+        EXPECT_EQ(listDir(d).size(), 1u);  // only the temporary file
+    }
+    EXPECT_TRUE(listDir(d).empty());  // not committed: removed
+    {
+        OutputSet o;
+        const int i = o.add(d + "/a.wav");
+        o.writeWav(i, std::vector<float>(100, 0.25f), 16000);
+        o.commit();
+    }
+    EXPECT_EQ(listDir(d), std::vector<std::string>{"a.wav"});
+    const Audio a = readAudio(d + "/a.wav");
+    EXPECT_EQ(a.rate, 16000);
+    ASSERT_EQ(a.frames(), 100);
+    EXPECT_EQ(a.samples[50], 0.25f);  // float WAV keeps the value exactly
+    removeTree(d);
+}
+
+TEST(AudioFiles, OutputInMissingDirectoryFailsAtOnce) {
+    OutputSet o;
+    EXPECT_THROW(o.add("/nonexistent-kvaec-dir/x.wav"), ToolError);
+}
+
+TEST(AudioFiles, MissingAndNonAudioFilesGiveClearErrors) {
+    const std::string d = tempDir();
+    try {
+        readAudio(d + "/none.wav");
+        ADD_FAILURE() << "no error";
+    } catch (const ToolError &e) {
+        EXPECT_NE(std::string(e.what()).find("No such file"), std::string::npos) << e.what();
+    }
+    FILE *f = std::fopen((d + "/text.wav").c_str(), "w");
+    std::fputs("this is not audio\n", f);
+    std::fclose(f);
+    try {
+        readAudio(d + "/text.wav");
+        ADD_FAILURE() << "no error";
+    } catch (const ToolError &e) {
+        EXPECT_NE(std::string(e.what()).find("not a readable audio file"), std::string::npos) << e.what();
+    }
+    EXPECT_THROW(readAudio(d), ToolError);  // a directory
+    removeTree(d);
+}
+
+TEST(AudioFiles, MultiChannelNeedsAChannelChoice) {
+    Audio a;
+    a.rate = 16000;
+    a.channels = 2;
+    a.samples = {1, 2, 3, 4, 5, 6};
+    EXPECT_THROW(pickChannel(a, 0, "x"), ToolError);
+    EXPECT_THROW(pickChannel(a, 3, "x"), ToolError);
+    EXPECT_EQ(pickChannel(a, 2, "x"), (std::vector<float>{2, 4, 6}));
+}
+
+TEST(AudioFiles, ResamplingKeepsDurationAndFrequency) {
+    std::vector<float> x(48000);
+    for (size_t i = 0; i < x.size(); ++i) x[i] = static_cast<float>(0.5 * std::sin(2 * M_PI * 1000.0 * i / 48000.0));
+    const std::vector<float> y = resample(x, 48000, 16000);
+    EXPECT_NEAR(static_cast<double>(y.size()), 16000.0, 2.0);
+    // Correlation with a 1 kHz sine at 16 kHz in the settled middle: the
+    // converter's passband ripple and delay allow a few per cent.
+    double c = 0, s = 0;
+    for (size_t i = 4000; i < 12000; ++i) {
+        c += y[i] * std::cos(2 * M_PI * 1000.0 * i / 16000.0);
+        s += y[i] * std::sin(2 * M_PI * 1000.0 * i / 16000.0);
+    }
+    EXPECT_NEAR(2.0 * std::hypot(c, s) / 8000.0, 0.5, 0.01);
+}
+
+TEST(AudioFiles, InputCheckCountsClippingAndNonFinite) {
+    std::vector<float> x(16000, 0.1f);
+    x[8000] = 1.0f;
+    x[8001] = -0.9995f;
+    x[9000] = std::nanf("");
+    const InputCheck c = checkInput(x, 16000);
+    EXPECT_EQ(c.clipped, 2);
+    EXPECT_DOUBLE_EQ(c.firstClipSec, 0.5);
+    EXPECT_EQ(c.nonFinite, 1);
+}
+
+TEST(HealthWatch, NonFiniteOutputResetsAndKeepsModeWord) {
+    aecx_init(nullptr);
+    const unsigned mode = KVAEC_MODE_SEND_ONLY_LOSS | KVAEC_MODE_NO_NR;
+    aecx_control(mode, nullptr, 0.0f);
+    AEC_Db.fClipDb = 17.0f;  // a state word the reset must clear
+    HealthWatch h(mode);
+    float rin[160] = {}, sin[160] = {};
+    EXPECT_FALSE(h.afterFrame(5, rin, sin));
+    sin[3] = std::nanf("");
+    rin[7] = INFINITY;
+    EXPECT_TRUE(h.afterFrame(6, rin, sin));
+    EXPECT_EQ(sin[3], 0.0f);
+    EXPECT_EQ(rin[7], 0.0f);
+    EXPECT_EQ(AEC_Db.uiFlags, mode);
+    EXPECT_EQ(AEC_Db.fClipDb, 0.0f);
+    ASSERT_EQ(h.events().size(), 1u);
+    EXPECT_EQ(h.events()[0].nonFiniteOut, 2);
+    EXPECT_DOUBLE_EQ(h.events()[0].timeSec, 0.06);
+}
+
+TEST(HealthWatch, SelfTestRunsOnceASecond) {
+    aecx_init(nullptr);
+    aecx_control(KVAEC_MODE_FREEZE, nullptr, 0.0f);
+    HealthWatch h(KVAEC_MODE_FREEZE, 100);
+    float rin[160] = {}, sin[160] = {};
+    AEC_afAds[10] = std::nanf("");
+    EXPECT_FALSE(h.afterFrame(98, rin, sin));  // frame 99 of the second: no self-test yet
+    EXPECT_TRUE(std::isnan(AEC_afAds[10]));
+    EXPECT_TRUE(h.afterFrame(99, rin, sin));   // 100th frame: self-test finds it, reset clears it
+    EXPECT_EQ(AEC_afAds[10], 0.0f);
+    ASSERT_EQ(h.events().size(), 1u);
+    EXPECT_EQ(h.events()[0].bistCount, 1);
+    EXPECT_EQ(h.events()[0].nonFiniteOut, 0);
+    EXPECT_EQ(AEC_Db.uiFlags, static_cast<unsigned>(KVAEC_MODE_FREEZE));
+}

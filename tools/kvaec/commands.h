@@ -1,0 +1,54 @@
+// The kvaec tool's two commands.
+#ifndef KVAEC_TOOL_COMMANDS_H
+#define KVAEC_TOOL_COMMANDS_H
+
+#include <string>
+
+#include "common.h"
+
+namespace kvaec::tool {
+
+struct ProcessArgs {
+    std::string far, mic, out, farOut;
+    std::string delay = "auto";   // "auto" or milliseconds
+    double delayMarginMs = 2.0;   // echo onset kept this far behind the reference
+    double maxDelayMs = 500.0;    // search range of the estimate
+    double estimateSeconds = 5.0; // far-end activity analysed by the estimate
+    int channel = 0;              // 1-based, 0 = not given
+    bool noResample = false;
+    bool pcm16 = false;
+    bool quiet = false;
+    Settings settings;
+};
+
+struct SimulateArgs {
+    std::string dir = "kvaec-sim";
+    std::string far, near, rir;
+    std::string room, micPos, spkPos;
+    double rt60 = 0.3;
+    double latencyMs = 10.0;
+    std::string noise;            // "", white, pink, babble or a file
+    double snrDb = 30.0;
+    bool snrGiven = false;
+    double erlDb = 10.0;
+    bool erlGiven = false;
+    double echoChangeAt = -1.0;
+    double nonlinear = 0.0;
+    double duration = 20.0;
+    bool durationGiven = false;
+    unsigned seed = 1;
+    int channel = 0;
+    bool noResample = false;
+    bool noPlot = false;
+    bool noEspeak = false;
+    bool quiet = false;
+    Settings settings;
+};
+
+// Return the process exit code; throw ToolError for user errors.
+int runProcess(const ProcessArgs &a);
+int runSimulate(const SimulateArgs &a);
+
+}  // namespace kvaec::tool
+
+#endif
