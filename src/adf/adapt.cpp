@@ -18,6 +18,8 @@
 #include "adf.h"
 
 #include "../core/core.h"
+#include "../core/simd.h"
+#include "adf_kern.h"
 
 namespace {
 
@@ -73,17 +75,35 @@ inline float *bandCoef(float *bank, int s, int i) {
 // c[k] += u * conj(r[k]) for the taps of groups 0..groups-1, u tapered by
 // `taper` after each group of four. u is a local copy.
 void updateTapered(float *c, const float *r, float ur, float ui, int groups, float taper) {
-    for (int g = 0; g < groups; ++g) {
-        for (int t = 0; t < 4; ++t) {
-            const int k = 4 * g + t;
-            const float xr = r[2 * k];
-            const float xi = r[2 * k + 1];
-            c[2 * k] = c[2 * k] + (ur * xr + ui * xi);
-            c[2 * k + 1] = c[2 * k + 1] + (ui * xr - ur * xi);
-        }
-        ur = taper * ur;
-        ui = taper * ui;
+#if KVAEC_SIMD_SSE2
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::updateTaperedSse2(c, r, ur, ui, groups, taper);
+        return;
     }
+#endif
+    kvaec::kern::updateTaperedScalar(c, r, ur, ui, groups, taper);
+}
+
+// Block update of one band of the slow bank (see adf_kern.h).
+void blockUpdate(float *c, const float *x, float (*e)[2], int groups, float taper) {
+#if KVAEC_SIMD_SSE2
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::blockUpdateSse2(c, x, e, groups, taper);
+        return;
+    }
+#endif
+    kvaec::kern::blockUpdateScalar(c, x, e, groups, taper);
+}
+
+// Decorrelated reference of one low band (see adf_kern.h).
+void whiten(const float (*a)[2], const float *x, float (*w)[2], int groups) {
+#if KVAEC_SIMD_SSE2
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::whitenSse2(a, x, w, groups);
+        return;
+    }
+#endif
+    kvaec::kern::whitenScalar(a, x, w, groups);
 }
 
 // One smoothing step of the stored correlation of a low band with the four
@@ -233,25 +253,8 @@ void aec_adapt1(AEC_tDb *db, AEC_tSc *sc) {
         float (*a)[2] = db->acDecorr[b];
         const float pw = decorrSolve(&db->atRefCorr[b], a);
         float (*w)[2] = sc->acRefWhite;
-        for (int k = 0; k < kWhiteLen; ++k) {
-            float wr = 0.0f;
-            float wi = 0.0f;
-            for (int mm = 0; mm < 4; ++mm) {
-                const float xr = x[2 * (k + mm)];
-                const float xi = x[2 * (k + mm) + 1];
-                const float pr = a[mm][0] * xr - a[mm][1] * xi;
-                const float pi = a[mm][0] * xi + a[mm][1] * xr;
-                if (mm == 0) {
-                    wr = pr;
-                    wi = pi;
-                } else {
-                    wr = wr + pr;
-                    wi = wi + pi;
-                }
-            }
-            w[k][0] = wr;
-            w[k][1] = wi;
-        }
+        static_assert(kWhiteLen % 4 == 0, "whitened positions in groups of four");
+        whiten(a, x, w, kWhiteLen / 4);
 
         // 3. Sample-by-sample error and update. The step threshold here is
         //    inclusive (a step of exactly 0.003 adapts), unlike the paired
@@ -349,33 +352,75 @@ void aec_adapt4(AEC_tDb *db, AEC_tSc *sc) {
             const int b = AEC_aiBandOffStrip[s] + i;
             const float *x = bandRef(db, s, i);
             float *c = bandCoef(db->pafAds, s, i);
-            float (*e)[2] = sc->acStepErr[b];
-            for (int g = 0; g < groups; ++g) {
-                for (int t = 0; t < 4; ++t) {
-                    const int k = 4 * g + t;
-                    float sr = 0.0f;
-                    float si = 0.0f;
-                    for (int j = 0; j < AEC_NSUB; ++j) {
-                        const float xr = x[2 * (k + 3 - j)];
-                        const float xi = x[2 * (k + 3 - j) + 1];
-                        const float pr = e[j][0] * xr + e[j][1] * xi;
-                        const float pi = e[j][1] * xr - e[j][0] * xi;
-                        if (j == 0) {
-                            sr = pr;
-                            si = pi;
-                        } else {
-                            sr = sr + pr;
-                            si = si + pi;
-                        }
-                    }
-                    c[2 * k] = c[2 * k] + sr;
-                    c[2 * k + 1] = c[2 * k + 1] + si;
-                }
-                for (int j = 0; j < AEC_NSUB; ++j) {
-                    e[j][0] = kTaperAds * e[j][0];
-                    e[j][1] = kTaperAds * e[j][1];
+            blockUpdate(c, x, sc->acStepErr[b], groups, kTaperAds);
+        }
+    }
+}
+
+// Scalar references of the update kernels (always built; the vector kernels
+// must match them bit for bit).
+
+void kvaec::kern::updateTaperedScalar(float *c, const float *r, float ur, float ui, int groups, float taper) {
+    for (int g = 0; g < groups; ++g) {
+        for (int t = 0; t < 4; ++t) {
+            const int k = 4 * g + t;
+            const float xr = r[2 * k];
+            const float xi = r[2 * k + 1];
+            c[2 * k] = c[2 * k] + (ur * xr + ui * xi);
+            c[2 * k + 1] = c[2 * k + 1] + (ui * xr - ur * xi);
+        }
+        ur = taper * ur;
+        ui = taper * ui;
+    }
+}
+
+void kvaec::kern::blockUpdateScalar(float *c, const float *x, float (*e)[2], int groups, float taper) {
+    for (int g = 0; g < groups; ++g) {
+        for (int t = 0; t < 4; ++t) {
+            const int k = 4 * g + t;
+            float sr = 0.0f;
+            float si = 0.0f;
+            for (int j = 0; j < AEC_NSUB; ++j) {
+                const float xr = x[2 * (k + 3 - j)];
+                const float xi = x[2 * (k + 3 - j) + 1];
+                const float pr = e[j][0] * xr + e[j][1] * xi;
+                const float pi = e[j][1] * xr - e[j][0] * xi;
+                if (j == 0) {
+                    sr = pr;
+                    si = pi;
+                } else {
+                    sr = sr + pr;
+                    si = si + pi;
                 }
             }
+            c[2 * k] = c[2 * k] + sr;
+            c[2 * k + 1] = c[2 * k + 1] + si;
         }
+        for (int j = 0; j < AEC_NSUB; ++j) {
+            e[j][0] = taper * e[j][0];
+            e[j][1] = taper * e[j][1];
+        }
+    }
+}
+
+void kvaec::kern::whitenScalar(const float (*a)[2], const float *x, float (*w)[2], int groups) {
+    for (int k = 0; k < 4 * groups; ++k) {
+        float wr = 0.0f;
+        float wi = 0.0f;
+        for (int mm = 0; mm < 4; ++mm) {
+            const float xr = x[2 * (k + mm)];
+            const float xi = x[2 * (k + mm) + 1];
+            const float pr = a[mm][0] * xr - a[mm][1] * xi;
+            const float pi = a[mm][0] * xi + a[mm][1] * xr;
+            if (mm == 0) {
+                wr = pr;
+                wi = pi;
+            } else {
+                wr = wr + pr;
+                wi = wi + pi;
+            }
+        }
+        w[k][0] = wr;
+        w[k][1] = wi;
     }
 }

@@ -14,6 +14,9 @@
 //   errors: sc->acErrAdf / sc->acErrAds [41 bands][4 sub-samples][re, im].
 #include "adf.h"
 
+#include "../core/simd.h"
+#include "adf_kern.h"
+
 namespace {
 
 // Strips 19..29 hold two bands each and are the ones the fast filter handles
@@ -50,6 +53,18 @@ void cancelStrips(const float *refStore, const float *coefStore,
 // negated real products; both give acc - y.)
 void aec_cancel_band(const float *ref, const float *coef, float *acc, int32_t len) {
     const int32_t groups = len >> 2;
+#if KVAEC_SIMD_SSE2
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::cancelBandSse2(ref, coef, acc, groups);
+        return;
+    }
+#endif
+    kvaec::kern::cancelBandScalar(ref, coef, acc, groups);
+}
+
+// Scalar reference of the kernel (always built; the vector kernels must
+// match it bit for bit).
+void kvaec::kern::cancelBandScalar(const float *ref, const float *coef, float *acc, int32_t groups) {
     float accRe = acc[0];
     float accIm = acc[1];
     for (int32_t g = 0; g < groups; ++g) {

@@ -7,6 +7,8 @@
 #include "det.h"
 
 #include "../core/core.h"
+#include "../core/simd.h"
+#include "nrg_kern.h"
 
 namespace {
 
@@ -16,19 +18,13 @@ constexpr float kBandDb = 3.01f;  // added to every converted energy
 static_assert(kFloatsPerBand == 8, "a band of a sub-band frame is 8 floats");
 static_assert(kFrameFloats == 328, "a sub-band frame is 41 x 4 complex values");
 
-// Sum of squares of nBands runs of 8 floats; run j starts at first + j * stride.
-// Fixed summation order: four lane sums, lane l taking floats l and l + 4 of
-// every run in turn (the order a 4-wide vector accumulator gives), combined as
-// (lane0 + lane1) + (lane2 + lane3). No bands gives 0.
+// Sum of squares of nBands runs of 8 floats; run j starts at first + j *
+// stride (order fixed in the scalar reference below).
 float sumSquares(const float *first, int nBands, int stride) {
-    float lane[4] = {0.0f, 0.0f, 0.0f, 0.0f};
-    for (int j = 0; j < nBands; ++j) {
-        const float *p = first + j * stride;
-        for (int h = 0; h < kFloatsPerBand; h += 4) {
-            for (int l = 0; l < 4; ++l) lane[l] += p[h + l] * p[h + l];
-        }
-    }
-    return (lane[0] + lane[1]) + (lane[2] + lane[3]);
+#if KVAEC_SIMD_SSE2
+    if (kvaec::simd::vectorOn()) return kvaec::kern::sumSquaresSse2Inline(first, nBands, stride);
+#endif
+    return kvaec::kern::sumSquaresScalar(first, nBands, stride);
 }
 
 // Mean energy of one complex sample of one band: sum / bands / 4 samples.
@@ -181,3 +177,21 @@ void aec_erle_sb_avrg(AEC_tDb *db, AEC_tSc *sc) {
         q->fErlDb = ql;
     }
 }
+
+// Scalar reference of the energy sum (always built; the vector kernel must
+// match it bit for bit).
+// Sum of squares of nBands runs of 8 floats; run j starts at first + j * stride.
+// Fixed summation order: four lane sums, lane l taking floats l and l + 4 of
+// every run in turn (the order a 4-wide vector accumulator gives), combined as
+// (lane0 + lane1) + (lane2 + lane3). No bands gives 0.
+float kvaec::kern::sumSquaresScalar(const float *first, int nBands, int stride) {
+    float lane[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    for (int j = 0; j < nBands; ++j) {
+        const float *p = first + j * stride;
+        for (int h = 0; h < kFloatsPerBand; h += 4) {
+            for (int l = 0; l < 4; ++l) lane[l] += p[h + l] * p[h + l];
+        }
+    }
+    return (lane[0] + lane[1]) + (lane[2] + lane[3]);
+}
+

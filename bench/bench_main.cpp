@@ -1,0 +1,289 @@
+// Timings of libkvaec per 10 ms frame (normal and bypass), of its heaviest
+// stages, and of two peer echo cancellers on the same input in the same
+// process: SpeexDSP's echo canceller with its preprocessor, and WebRTC audio
+// processing's echo canceller with its high-pass filter.
+//
+//   cmake -S . -B build-bench -DKVAEC_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release
+//   cmake --build build-bench --target kvaec_bench && build-bench/bench/kvaec_bench
+//
+// Counters: "flop/frame" are the floating-point operations of the canceller
+// kernels counted from their loop definitions and the strip tables (not a
+// hardware count); FLOPS = that count per second of the benchmark's time.
+#include <benchmark/benchmark.h>
+
+#include <malloc.h>
+#include <xmmintrin.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include <speex/speex_echo.h>
+#include <speex/speex_preprocess.h>
+#include <webrtc/modules/audio_processing/include/audio_processing.h>
+
+#include "adf/adf.h"
+#include "closed_loop.h"
+#include "core/simd.h"
+#include "det/det.h"
+#include "kvaec.h"
+#include "kvaec_records.h"
+
+namespace {
+
+constexpr int kFrame = 160;
+constexpr int kFrames = 1000;  // 10 s of input, cycled
+constexpr int kWarmup = 300;
+
+// Far end and microphone signals: speech-like far end, echo through a 60 ms
+// path with 40 ms of playback latency, near-end bursts and noise.
+struct Input {
+    std::vector<float> far, mic;
+    Input() : far(kFrames * kFrame), mic(kFrames * kFrame) {
+        kvaec::sim::SpeechLike f(51, -26.0), n(52, -36.0);
+        kvaec::sim::WhiteNoise w(53, -70.0);
+        f.fill(far.data(), kFrames * kFrame);
+        n.fill(mic.data(), kFrames * kFrame);
+        std::vector<float> noise(kFrames * kFrame);
+        w.fill(noise.data(), kFrames * kFrame);
+        const std::vector<float> path = kvaec::sim::makeEchoPath(54, 40.0, 60.0, 6.0);
+        for (size_t t = 0; t < mic.size(); ++t) {
+            double e = 0;
+            for (size_t i = 0; i < path.size() && i <= t; ++i) e += double(path[i]) * far[t - i];
+            mic[t] += static_cast<float>(e) + noise[t];
+        }
+    }
+};
+
+const Input &input() {
+    static const Input in;
+    return in;
+}
+
+// Silence and decaying signals for the denormal comparison.
+std::vector<float> silence() { return std::vector<float>(kFrames * kFrame, 0.0f); }
+
+void kvaecRun(benchmark::State &state, unsigned mode, const std::vector<float> &far,
+              const std::vector<float> &mic) {
+    aecx_init(nullptr);
+    aecx_control(mode, nullptr, 0.0f);
+    float r[kFrame], s[kFrame];
+    int i = 0;
+    for (int k = 0; k < kWarmup; ++k, i = (i + 1) % kFrames) {
+        std::memcpy(r, &far[size_t(i) * kFrame], sizeof r);
+        std::memcpy(s, &mic[size_t(i) * kFrame], sizeof s);
+        aecx_process(r, s);
+    }
+    for (auto _ : state) {
+        std::memcpy(r, &far[size_t(i) * kFrame], sizeof r);
+        std::memcpy(s, &mic[size_t(i) * kFrame], sizeof s);
+        aecx_process(r, s);
+        benchmark::DoNotOptimize(s);
+        i = (i + 1) % kFrames;
+    }
+}
+
+// Floating-point operations per frame of the canceller kernels, counted from
+// their definitions: cancellation 8 per complex tap and sub-sample (complex
+// product 6, group reduction and accumulation 2), tapered update 8 per tap
+// and sub-sample, block update 32 per tap, whitening 30 per position.
+double kernelFlopsPerFrame() {
+    aecx_init(nullptr);
+    double taps = 0;
+    for (int s = 0; s < AEC_NSTRIPS; ++s) taps += double(AEC_aiBandsPerStrip[s]) * (AEC_aiAdfSzStrip[s] / 4 * 4);
+    return 4 * taps * 8      // slow bank errors
+           + 4 * taps * 8    // fast bank errors
+           + 4 * taps * 8    // fast bank updates
+           + taps * 32       // slow bank block update
+           + 19 * 52 * 30.0;  // whitening of the low bands
+}
+
+void setCounters(benchmark::State &state, bool flops) {
+    state.counters["frames/s"] = benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+    if (flops)
+        state.counters["FLOPS"] =
+            benchmark::Counter(kernelFlopsPerFrame() * double(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void BM_KvaecNormalFrame(benchmark::State &state) {
+    kvaec::simd::setScalar(state.range(0) == 0);
+    kvaecRun(state, 0, input().far, input().mic);
+    kvaec::simd::setScalar(false);
+    setCounters(state, true);
+}
+BENCHMARK(BM_KvaecNormalFrame)->Arg(1)->Arg(0)->ArgName("vector");
+
+void BM_KvaecBypassFrame(benchmark::State &state) {
+    kvaecRun(state, KVAEC_MODE_BYPASS, input().far, input().mic);
+    setCounters(state, false);
+}
+BENCHMARK(BM_KvaecBypassFrame);
+
+// Denormal check: long silence on both paths, and a signal decaying by
+// 1 dB per frame into silence (repeated every 10 s), against speech.
+void BM_KvaecSilence(benchmark::State &state) {
+    static const std::vector<float> z = silence();
+    kvaecRun(state, 0, z, z);
+    setCounters(state, false);
+}
+BENCHMARK(BM_KvaecSilence);
+
+// Argument ftz:1 runs with the host's flush-to-zero and denormals-are-zero
+// modes set (MXCSR), the usual setting of an audio thread.
+void BM_KvaecDecaying(benchmark::State &state) {
+    const unsigned csr = _mm_getcsr();
+    if (state.range(0)) _mm_setcsr(csr | 0x8040u);
+    static std::vector<float> far, mic;
+    if (far.empty()) {
+        far = input().far;
+        mic = input().mic;
+        for (size_t t = 0; t < far.size(); ++t) {
+            const float g = std::pow(10.0f, -static_cast<float>(t / kFrame) / 20.0f);
+            far[t] *= g;
+            mic[t] *= g;
+        }
+    }
+    kvaecRun(state, 0, far, mic);
+    _mm_setcsr(csr);
+    setCounters(state, false);
+}
+BENCHMARK(BM_KvaecDecaying)->Arg(0)->Arg(1)->ArgName("ftz");
+
+// Single stages on the state of a normal frame, restored before every run.
+struct Saved {
+    AEC_tDb db;
+    AEC_tSc sc;
+    float adf[AEC_ADF_FLOATS], ads[AEC_ADF_FLOATS];
+};
+
+template <void (*Stage)(AEC_tDb *, AEC_tSc *)>
+void stageBench(benchmark::State &state) {
+    kvaec::simd::setScalar(state.range(0) == 0);
+    aecx_init(nullptr);
+    float r[kFrame], s[kFrame];
+    for (int k = 0; k < kWarmup; ++k) {
+        std::memcpy(r, &input().far[size_t(k) * kFrame], sizeof r);
+        std::memcpy(s, &input().mic[size_t(k) * kFrame], sizeof s);
+        aecx_process(r, s);
+    }
+    static Saved saved;
+    saved.db = AEC_Db;
+    saved.sc = AEC_Sc;
+    std::memcpy(saved.adf, AEC_afAdf, sizeof saved.adf);
+    std::memcpy(saved.ads, AEC_afAds, sizeof saved.ads);
+    for (auto _ : state) {
+        state.PauseTiming();
+        AEC_Db = saved.db;
+        AEC_Sc = saved.sc;
+        std::memcpy(AEC_afAdf, saved.adf, sizeof saved.adf);
+        std::memcpy(AEC_afAds, saved.ads, sizeof saved.ads);
+        state.ResumeTiming();
+        Stage(&AEC_Db, &AEC_Sc);
+    }
+    kvaec::simd::setScalar(false);
+}
+
+void adfAdapt(AEC_tDb *db, AEC_tSc *sc) { aec_adf_adapt(db, sc); }
+void adapt1(AEC_tDb *db, AEC_tSc *sc) { aec_adapt1(db, sc); }
+void adapt4(AEC_tDb *db, AEC_tSc *sc) { aec_adapt4(db, sc); }
+void cancelSlow(AEC_tDb *db, AEC_tSc *sc) { aec_cancel_slow(db, sc); }
+void nrgIn(AEC_tDb *db, AEC_tSc *sc) { aec_nrg_in(db, sc); }
+
+BENCHMARK_TEMPLATE(stageBench, adfAdapt)->Name("BM_Stage_adf_adapt")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(stageBench, adapt1)->Name("BM_Stage_adapt1")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(stageBench, adapt4)->Name("BM_Stage_adapt4")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(stageBench, cancelSlow)->Name("BM_Stage_cancel_slow")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(stageBench, nrgIn)->Name("BM_Stage_nrg_in")->Arg(1)->Arg(0)->ArgName("vector");
+
+// ---- peers ----
+
+void toPcm(const float *x, spx_int16_t *y) {
+    for (int n = 0; n < kFrame; ++n) {
+        float v = x[n] * 32768.0f;
+        v = v > 32767.0f ? 32767.0f : (v < -32768.0f ? -32768.0f : v);
+        y[n] = static_cast<spx_int16_t>(std::lrint(v));
+    }
+}
+
+size_t heapInUse() { return mallinfo2().uordblks; }
+
+// Echo canceller (1920-sample filter, the span of the longest sub-band
+// filters: 48 taps at a hop of 40 samples) plus preprocessor (noise
+// suppression and residual echo suppression on).
+void BM_PeerSpeexDsp(benchmark::State &state) {
+    const size_t heap0 = heapInUse();
+    SpeexEchoState *ec = speex_echo_state_init(kFrame, 1920);
+    SpeexPreprocessState *pp = speex_preprocess_state_init(kFrame, 16000);
+    int rate = 16000;
+    speex_echo_ctl(ec, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
+    speex_preprocess_ctl(pp, SPEEX_PREPROCESS_SET_ECHO_STATE, ec);
+    const size_t heap1 = heapInUse();
+    spx_int16_t far[kFrame], mic[kFrame], out[kFrame];
+    int i = 0;
+    auto frame = [&] {
+        toPcm(&input().far[size_t(i) * kFrame], far);
+        toPcm(&input().mic[size_t(i) * kFrame], mic);
+        speex_echo_cancellation(ec, mic, far, out);
+        speex_preprocess_run(pp, out);
+        i = (i + 1) % kFrames;
+    };
+    for (int k = 0; k < kWarmup; ++k) frame();
+    for (auto _ : state) {
+        frame();
+        benchmark::DoNotOptimize(out);
+    }
+    state.counters["heap_bytes"] = double(heap1 - heap0);
+    state.counters["frames/s"] = benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+    speex_preprocess_state_destroy(pp);
+    speex_echo_state_destroy(ec);
+}
+BENCHMARK(BM_PeerSpeexDsp);
+
+// Full-band echo canceller with the high-pass filter, float interface,
+// 16 kHz mono, 10 ms frames, stream delay 40 ms.
+void BM_PeerWebRtcApm(benchmark::State &state) {
+    const size_t heap0 = heapInUse();
+    webrtc::AudioProcessing *apm = webrtc::AudioProcessing::Create();
+    apm->high_pass_filter()->Enable(true);
+    apm->echo_cancellation()->Enable(true);
+    webrtc::StreamConfig cfg(16000, 1, false);
+    apm->Initialize(webrtc::ProcessingConfig{{cfg, cfg, cfg, cfg}});
+    const size_t heap1 = heapInUse();
+    float far[kFrame], mic[kFrame];
+    int i = 0;
+    auto frame = [&] {
+        std::memcpy(far, &input().far[size_t(i) * kFrame], sizeof far);
+        std::memcpy(mic, &input().mic[size_t(i) * kFrame], sizeof mic);
+        float *fp = far, *mp = mic;
+        apm->ProcessReverseStream(&fp, cfg, cfg, &fp);
+        apm->set_stream_delay_ms(40);
+        apm->ProcessStream(&mp, cfg, cfg, &mp);
+        i = (i + 1) % kFrames;
+    };
+    for (int k = 0; k < kWarmup; ++k) frame();
+    const size_t heap2 = heapInUse();
+    for (auto _ : state) {
+        frame();
+        benchmark::DoNotOptimize(mic);
+    }
+    state.counters["heap_bytes"] = double(heap1 - heap0);
+    state.counters["heap_bytes_running"] = double(heap2 - heap0);
+    state.counters["frames/s"] = benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate);
+    delete apm;
+}
+BENCHMARK(BM_PeerWebRtcApm);
+
+// The whole state of libkvaec is its static records.
+void BM_KvaecStaticState(benchmark::State &state) {
+    for (auto _ : state) benchmark::DoNotOptimize(&AEC_Db);
+    state.counters["db_bytes"] = double(sizeof(AEC_tDb));
+    state.counters["sc_bytes"] = double(sizeof(AEC_tSc));
+    state.counters["ref_adf_ads_bytes"] = double(sizeof AEC_afRef + sizeof AEC_afAdf + sizeof AEC_afAds);
+}
+BENCHMARK(BM_KvaecStaticState)->Iterations(1);
+
+}  // namespace
+
+BENCHMARK_MAIN();
