@@ -34,6 +34,14 @@ constexpr unsigned kDbBistWords =
     unsigned((offsetof(AEC_tDb, fRinPeakDb) + sizeof(float) - kDbStateStart) / 4);
 constexpr unsigned kDbResetWords = unsigned((offsetof(AEC_tDb, tCfg) - kDbStateStart) / 4);
 constexpr unsigned kScBistWords = 2449;
+
+// The frame driver's own computations (internal; reachable by the tests).
+// Receive peak level meter on the 160 receive samples.
+void rinPeakMeter(AEC_tDb *db, const float *rin);
+// Clipping step of a send frame in dB: -6 (no clipping) .. 30.
+float clipStep(const float *sin);
+// Clipping accumulator update from fClipStepDb and fExpLevelDb.
+void clipAccumulate(AEC_tDb *db, const AEC_tSc *sc);
 }  // namespace kvaec
 #endif
 

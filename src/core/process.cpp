@@ -8,7 +8,11 @@
 #include "../post/post.h"
 #include "../td/td.h"
 
-namespace {
+// The driver's own computations. They keep external linkage inside the
+// library (hidden from the shared library's exports like every internal
+// name) so that the test suite, which links the static library, can drive
+// them with hand-set inputs.
+namespace kvaec {
 
 // Receive peak level: instant attack, release of 3 % of the distance per
 // frame with a floor of -80 dB on the release branch only.
@@ -54,6 +58,14 @@ void clipAccumulate(AEC_tDb *db, const AEC_tSc *sc) {
     if (acc < -6.0f) acc = -6.0f;
     db->fClipDb = acc;
 }
+
+}  // namespace kvaec
+
+namespace {
+
+using kvaec::clipAccumulate;
+using kvaec::clipStep;
+using kvaec::rinPeakMeter;
 
 void normalFrame(AEC_tDb *db, AEC_tSc *sc, float *rin, float *sin) {
     aec_memclr(sc, AEC_SC_CLEAR_WORDS);
