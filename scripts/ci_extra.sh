@@ -1,0 +1,103 @@
+#!/usr/bin/env bash
+# Extra CI jobs, run by scripts/test when CI=true (after the normal and the
+# 32-bit suites), or by hand:
+#   scripts/ci_extra.sh [step...]     steps: asan valgrind armhf fuzz soak (default: all)
+# Each step prints its wall time. See docs/reliability.md.
+#   asan      whole test suite under AddressSanitizer + UndefinedBehaviorSanitizer (gcc)
+#   valgrind  every test binary of the normal build (build/) under memcheck
+#   armhf     whole test suite for 32-bit ARM hard-float, run under qemu-arm
+#             (includes the bit-exact golden run against tests/golden/golden_hash.txt)
+#   fuzz      libFuzzer target, 60 s from the seed corpus (KVAEC_FUZZ_SECONDS)
+#   soak      5 minutes of closed-loop audio (KVAEC_SOAK_MINUTES)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+jobs=$(nproc 2>/dev/null || echo 2)
+steps=("$@")
+[ ${#steps[@]} -gt 0 ] || steps=(asan valgrind armhf fuzz soak)
+
+# Packages for these jobs. The armhf build uses clang with Debian's armhf
+# cross libraries: the gcc cross compiler (gcc-12-arm-linux-gnueabihf)
+# conflicts with gcc-multilib, which the 32-bit x86 build needs, so it is
+# deliberately not installed here.
+source "$root/scripts/deps.sh"
+install_extra_deps() {
+  kvaec_install_missing clang libclang-rt-14-dev valgrind qemu-user binutils-arm-linux-gnueabihf \
+    libc6-dev-armhf-cross libstdc++-12-dev-armhf-cross libgcc-12-dev-armhf-cross
+}
+
+timed() {
+  local name=$1
+  shift
+  local t0=$SECONDS
+  echo "== ci_extra: $name"
+  "$@"
+  echo "== ci_extra: $name done in $((SECONDS - t0)) s"
+}
+
+step_asan() {
+  # -fno-sanitize=vptr: the vptr check needs RTTI and the library is built
+  # without it (it has no polymorphic types anyway).
+  local san="-fsanitize=address,undefined -fno-sanitize-recover=all -fno-sanitize=vptr -fno-omit-frame-pointer"
+  cmake -S "$root" -B "$root/build-asan" -DKVAEC_WERROR=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS="$san" -DCMAKE_CXX_FLAGS="$san" \
+    -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined" > /dev/null
+  cmake --build "$root/build-asan" -j"$jobs" > "$root/build-asan/build.log" 2>&1 \
+    || { tail -50 "$root/build-asan/build.log"; return 1; }
+  ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1 \
+  UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest --test-dir "$root/build-asan" --output-on-failure -j"$jobs"
+}
+
+step_valgrind() {
+  # The normal build made by scripts/test; build it if it is not there.
+  local build=${KVAEC_VALGRIND_BUILD:-$root/build}
+  if [ ! -d "$build/tests" ]; then
+    cmake -S "$root" -B "$build" -DKVAEC_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
+    cmake --build "$build" -j"$jobs" > /dev/null
+  fi
+  local logs="$build/valgrind"
+  mkdir -p "$logs"
+  # One memcheck run per test binary, two at a time. Only memcheck errors
+  # (exit 99) fail this step; a failing test is reported (the normal run
+  # already judged it). The closed-loop scenario binaries run minutes of
+  # audio each, 30-50x slower under memcheck: they run one third of their
+  # tests here (gtest sharding); the sanitizer step runs all of them.
+  find "$build/tests" -maxdepth 1 -type f -perm -u+x -name '*_test_*' | sort \
+    | xargs -r -P"$jobs" -I{} sh -c '
+        b=$(basename "$1"); log="$2/$b.log"
+        case "$b" in scenario_*) export GTEST_TOTAL_SHARDS=3 GTEST_SHARD_INDEX=0 ;; esac
+        valgrind -q --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite \
+          --track-origins=yes "$1" > "$log" 2>&1
+        rc=$?
+        if [ $rc -eq 0 ]; then echo "valgrind ok: $b"
+        elif [ $rc -eq 99 ]; then echo "valgrind FAILED: $b (log: $log)"; grep -A30 "==[0-9]*==" "$log" | head -80; exit 255
+        else echo "valgrind ok: $b (no memcheck errors; tests failed with status $rc, log: $log)"; fi' _ {} "$logs"
+}
+
+step_armhf() {
+  cmake -S "$root" -B "$root/build-armhf" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" \
+    -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
+  cmake --build "$root/build-armhf" -j"$jobs" > "$root/build-armhf/build.log" 2>&1 \
+    || { tail -50 "$root/build-armhf/build.log"; return 1; }
+  # qemu-arm runs about 20x slower than native: the closed-loop scenario
+  # tests (minutes of audio, quality checks) are left out; the golden run
+  # checks that armhf computes the same bits as x86-64.
+  ctest --test-dir "$root/build-armhf" --output-on-failure -j"$jobs" -LE scenario
+}
+
+step_fuzz() {
+  "$root/tests/fuzz/run.sh" "${KVAEC_FUZZ_SECONDS:-60}" "$root/build-fuzz"
+}
+
+step_soak() {
+  "$root/scripts/soak" --minutes "${KVAEC_SOAK_MINUTES:-5}"
+}
+
+install_extra_deps
+for s in "${steps[@]}"; do
+  case "$s" in
+    asan|valgrind|armhf|fuzz|soak) timed "$s" "step_$s" ;;
+    *) echo "ci_extra: unknown step $s" >&2; exit 2 ;;
+  esac
+done
