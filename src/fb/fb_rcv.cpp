@@ -1,14 +1,55 @@
-// Placeholder: not yet implemented.
+// Receive (loudspeaker) filter bank: the same structure as the send bank
+// (fold by three, 80-point real DFT, hop 40, output gain 80) with its own
+// low-delay window pair. With the sub-bands left as analysed the chain is a
+// pure delay of 40 samples.
+//
+//   afRcvAnaHist[240]  analysis delay line, oldest sample at index 0
+//   acRcvSb[b][t]      receive sub-band frame, analysed and synthesised as is
+//   afRcvSynOla[240]   synthesis overlap-add accumulator
 #include "fb.h"
+#include <string.h>
+
+namespace {
+
+constexpr int kHop = 40;
+constexpr int kFft = 80;
+constexpr int kWin = 240;
+constexpr float kOutGain = 80.0f;
+static_assert(kWin == 3 * kFft, "the receive windows fold by three");
+static_assert(sizeof(((AEC_tDb *)nullptr)->afRcvAnaHist) == kWin * sizeof(float), "history length");
+static_assert(sizeof(((AEC_tDb *)nullptr)->afRcvSynOla) == kWin * sizeof(float), "accumulator length");
+
+}  // namespace
 
 void aec_fb_rcv_analysis(AEC_tDb *db, AEC_tSc *sc, const float *rin) {
-    (void)db;
-    (void)sc;
-    (void)rin;
+    float *d = db->afRcvAnaHist;
+    const float *w = aecfb_afRcvAnaWin;
+    float *u = sc->afFbTime;
+    for (int t = 0; t < AEC_NSUB; t++) {
+        memmove(d, d + kHop, (kWin - kHop) * sizeof(float));
+        memcpy(d + (kWin - kHop), rin + kHop * t, kHop * sizeof(float));
+        for (int i = 0; i < kFft; i++) {
+            u[i] = w[i] * d[i] + w[i + 80] * d[i + 80] + w[i + 160] * d[i + 160];
+        }
+        aecfb_rfft(u, &sc->acRcvSb[0][t][0], sc->afFbWork, AEC_NSUB);
+    }
 }
 
 void aec_fb_rcv_synthesis(AEC_tDb *db, AEC_tSc *sc, float *rin) {
-    (void)db;
-    (void)sc;
-    (void)rin;
+    float *a = db->afRcvSynOla;
+    const float *g = aecfb_afRcvSynWin;
+    float *y = sc->afFbTime;
+    for (int t = 0; t < AEC_NSUB; t++) {
+        aecfb_rifft(&sc->acRcvSb[0][t][0], y, sc->afFbWork);
+        for (int i = 0; i < kFft; i++) {
+            a[i] += y[i] * g[i];
+            a[i + 80] += y[i] * g[i + 80];
+            a[i + 160] += y[i] * g[i + 160];
+        }
+        for (int i = 0; i < kHop; i++) {
+            rin[kHop * t + i] = a[i] * kOutGain;
+        }
+        memmove(a, a + kHop, (kWin - kHop) * sizeof(float));
+        memset(a + (kWin - kHop), 0, kHop * sizeof(float));
+    }
 }
