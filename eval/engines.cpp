@@ -1,0 +1,165 @@
+// The engines of the comparison: libkvaec (default configuration and the
+// send-only loss mode), SpeexDSP's echo canceller with and without its
+// preprocessor, WebRTC audio processing's echo canceller with and without
+// noise suppression, and a pass-through reference that checks the metrics.
+#include <speex/speex_echo.h>
+#include <speex/speex_preprocess.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "engine.h"
+#include "kvaec.h"
+#include "webrtc/modules/audio_processing/include/audio_processing.h"
+
+namespace kvaec_eval {
+namespace {
+
+// ---- libkvaec: one global instance, processes both paths in one call.
+class KvaecEngine : public Engine {
+public:
+    explicit KvaecEngine(unsigned mode) : mode_(mode) {
+        aecx_init(nullptr);
+        if (mode_ != 0) aecx_control(mode_, nullptr, 0.0f);
+    }
+    void process(const float *far, float *played, const float *mic, float *send) override {
+        std::memcpy(played, far, sizeof(float) * kFrame);
+        std::memcpy(send, mic, sizeof(float) * kFrame);
+        aecx_process(played, send);
+    }
+    int sendDelay() const override { return 120; }
+    std::string describe() const override {
+        char b[160];
+        std::snprintf(b, sizeof b, "libkvaec %d.%d.%d, default configuration, mode word 0x%x",
+                      KVAEC_VERSION_MAJOR, KVAEC_VERSION_MINOR, KVAEC_VERSION_PATCH, mode_);
+        return b;
+    }
+private:
+    unsigned mode_;
+};
+
+// ---- SpeexDSP: 16-bit samples; the canceller takes the played frame as its
+// reference and relies on its filter to span the latency.
+short toPcm(float x) {
+    float v = std::nearbyint(x * 32768.0f);
+    if (v > 32767.0f) v = 32767.0f;
+    if (v < -32768.0f) v = -32768.0f;
+    return static_cast<short>(v);
+}
+
+class SpeexEngine : public Engine {
+public:
+    explicit SpeexEngine(bool pre) : pre_(pre) {
+        echo_ = speex_echo_state_init(kFrame, kTail);
+        int rate = kRate;
+        speex_echo_ctl(echo_, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
+        if (pre_) {
+            pp_ = speex_preprocess_state_init(kFrame, kRate);
+            speex_preprocess_ctl(pp_, SPEEX_PREPROCESS_SET_ECHO_STATE, echo_);
+        }
+    }
+    ~SpeexEngine() override {
+        if (pp_) speex_preprocess_state_destroy(pp_);
+        speex_echo_state_destroy(echo_);
+    }
+    void process(const float *far, float *played, const float *mic, float *send) override {
+        short f[kFrame], m[kFrame], o[kFrame];
+        for (int i = 0; i < kFrame; ++i) {
+            played[i] = far[i];
+            f[i] = toPcm(far[i]);
+            m[i] = toPcm(mic[i]);
+        }
+        speex_echo_cancellation(echo_, m, f, o);
+        if (pp_) speex_preprocess_run(pp_, o);
+        for (int i = 0; i < kFrame; ++i) send[i] = static_cast<float>(o[i]) / 32768.0f;
+    }
+    int sendDelay() const override { return 0; }
+    std::string describe() const override {
+        return pre_ ? "SpeexDSP echo canceller, 2048-tap (128 ms) filter, then the preprocessor "
+                      "with the echo state attached (residual-echo suppression; its defaults: "
+                      "denoise on, AGC off)"
+                    : "SpeexDSP echo canceller, 2048-tap (128 ms) filter, no preprocessor";
+    }
+private:
+    static constexpr int kTail = 2048;  // 128 ms at 16 kHz
+    bool pre_;
+    SpeexEchoState *echo_ = nullptr;
+    SpeexPreprocessState *pp_ = nullptr;
+};
+
+// ---- WebRTC audio processing (0.3 API): float frames of 10 ms; the far frame
+// goes to the reverse stream, the stream delay is the simulated latency.
+class WebrtcEngine : public Engine {
+public:
+    WebrtcEngine(bool ns, int latencyMs) : ns_(ns), delayMs_(latencyMs) {
+        webrtc::Config cfg;
+        apm_ = webrtc::AudioProcessing::Create(cfg);
+        check(apm_->high_pass_filter()->Enable(true), "high-pass");
+        check(apm_->echo_cancellation()->enable_drift_compensation(false), "drift");
+        check(apm_->echo_cancellation()->Enable(true), "echo canceller");
+        if (ns_) check(apm_->noise_suppression()->Enable(true), "noise suppression");
+    }
+    ~WebrtcEngine() override { delete apm_; }
+    void process(const float *far, float *played, const float *mic, float *send) override {
+        std::memcpy(played, far, sizeof(float) * kFrame);
+        const float *rev[1] = {far};
+        check(apm_->AnalyzeReverseStream(rev, kFrame, kRate, webrtc::AudioProcessing::kMono), "reverse");
+        check(apm_->set_stream_delay_ms(delayMs_), "delay");
+        const float *src[1] = {mic};
+        float *dst[1] = {send};
+        check(apm_->ProcessStream(src, kFrame, kRate, webrtc::AudioProcessing::kMono, kRate,
+                                  webrtc::AudioProcessing::kMono, dst),
+              "stream");
+    }
+    int sendDelay() const override { return 0; }
+    std::string describe() const override {
+        char b[200];
+        std::snprintf(b, sizeof b,
+                      "WebRTC audio processing 0.3: high-pass, echo canceller (default suppression "
+                      "level, no drift compensation), stream delay %d ms%s",
+                      delayMs_, ns_ ? ", noise suppression (default level)" : "");
+        return b;
+    }
+private:
+    static void check(int err, const char *what) {
+        if (err != 0) {
+            std::fprintf(stderr, "webrtc: %s failed (%d)\n", what, err);
+            std::exit(2);
+        }
+    }
+    bool ns_;
+    int delayMs_;
+    webrtc::AudioProcessing *apm_ = nullptr;
+};
+
+// ---- Reference: plays the far end unchanged and sends the microphone.
+class PassEngine : public Engine {
+public:
+    void process(const float *far, float *played, const float *mic, float *send) override {
+        std::memcpy(played, far, sizeof(float) * kFrame);
+        std::memcpy(send, mic, sizeof(float) * kFrame);
+    }
+    int sendDelay() const override { return 0; }
+    std::string describe() const override { return "no processing (metric reference)"; }
+};
+
+}  // namespace
+
+std::vector<std::string> engineNames() {
+    return {"kvaec", "kvaec_sendonly", "speex", "speex_pp", "webrtc", "webrtc_ns", "passthrough"};
+}
+
+std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs) {
+    if (name == "kvaec") return std::make_unique<KvaecEngine>(0u);
+    if (name == "kvaec_sendonly") return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS);
+    if (name == "speex") return std::make_unique<SpeexEngine>(false);
+    if (name == "speex_pp") return std::make_unique<SpeexEngine>(true);
+    if (name == "webrtc") return std::make_unique<WebrtcEngine>(false, latencyMs);
+    if (name == "webrtc_ns") return std::make_unique<WebrtcEngine>(true, latencyMs);
+    if (name == "passthrough") return std::make_unique<PassEngine>();
+    return nullptr;
+}
+
+}  // namespace kvaec_eval
