@@ -20,7 +20,7 @@ KVAEC_API float aec_td(AEC_tDb *db, AEC_tSc *sc, const float *rin);
 KVAEC_API void aec_td_sr(AEC_tDb *db, AEC_tSc *sc, const float *rin);
 KVAEC_API void aec_td_wola(AEC_tDb *db, AEC_tSc *sc);
 KVAEC_API void aec_td_rfft4k(AEC_tSc *sc);
-KVAEC_API float aec_td_find_max(float *spec, float *level);
+KVAEC_API float aec_td_find_max(float *spectrum, float *level);
 KVAEC_API float aec_td_test(AEC_tDb *db, AEC_tSc *sc);
 
 #ifdef __cplusplus
