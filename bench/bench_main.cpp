@@ -6,9 +6,10 @@
 //   cmake -S . -B build-bench -DKVAEC_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release
 //   cmake --build build-bench --target kvaec_bench && build-bench/bench/kvaec_bench
 //
-// Counters: "flop/frame" are the floating-point operations of the canceller
-// kernels counted from their loop definitions and the strip tables (not a
-// hardware count); FLOPS = that count per second of the benchmark's time.
+// Counters: the floating-point operations of the canceller kernels and the
+// filter banks are counted from their loop definitions and the strip tables
+// (not a hardware count); FLOPS = that count per second of the benchmark's
+// time, flop/frame the count itself.
 #include <benchmark/benchmark.h>
 
 #include <malloc.h>
@@ -25,11 +26,16 @@
 #include <webrtc/modules/audio_processing/include/audio_processing.h>
 
 #include "adf/adf.h"
+#include "adf/adf_kern.h"
 #include "closed_loop.h"
 #include "core/simd.h"
 #include "det/det.h"
+#include "fb/fb.h"
 #include "kvaec.h"
 #include "kvaec_records.h"
+
+// AVX2 prototype of the tapered update (avx2_proto.cpp, measurement only).
+void benchUpdateTaperedAvx2(float *c, const float *r, float ur, float ui, int groups, float taper);
 
 namespace {
 
@@ -88,7 +94,23 @@ void kvaecRun(benchmark::State &state, unsigned mode, const std::vector<float> &
 // Floating-point operations per frame of the canceller kernels, counted from
 // their definitions: cancellation 8 per complex tap and sub-sample (complex
 // product 6, group reduction and accumulation 2), tapered update 8 per tap
-// and sub-sample, block update 32 per tap, whitening 30 per position.
+// and sub-sample, block update 32 per tap, whitening 30 per position; plus
+// the filter banks.
+// Filter banks, counted from their loops: 40-point FFT = eight five-point
+// kernels (34 additions, 10 multiplications each) + 32 twiddle products (6)
+// + five 8-point kernels (56); the real split 40 x 14; folds 80 x 5 (three
+// segments) and 80 x 12 (six segments, sum started at zero), overlap-add
+// 80 x 6 plus 40 output products. Per frame: 12 forward transforms and
+// folds (send, receive and reference analysis, 4 blocks each), 8 inverse
+// transforms and overlap-adds (send and receive synthesis).
+double bankFlopsPerFrame() {
+    const double fft40 = 8 * 44 + 32 * 6 + 5 * 56;
+    const double split = 40 * 14;
+    const double analysis = 4 * ((fft40 + split) * 2 + 80 * 5 * 2 + 80 * 12);  // send, receive, reference
+    const double synthesis = 4 * 2 * (fft40 + split + 80 * 6 + 40);
+    return analysis + synthesis;
+}
+
 double kernelFlopsPerFrame() {
     aecx_init(nullptr);
     double taps = 0;
@@ -97,7 +119,8 @@ double kernelFlopsPerFrame() {
            + 4 * taps * 8    // fast bank errors
            + 4 * taps * 8    // fast bank updates
            + taps * 32       // slow bank block update
-           + 19 * 52 * 30.0;  // whitening of the low bands
+           + 19 * 52 * 30.0   // whitening of the low bands
+           + bankFlopsPerFrame();
 }
 
 void setCounters(benchmark::State &state, bool flops) {
@@ -105,15 +128,21 @@ void setCounters(benchmark::State &state, bool flops) {
     if (flops)
         state.counters["FLOPS"] =
             benchmark::Counter(kernelFlopsPerFrame() * double(state.iterations()), benchmark::Counter::kIsRate);
+    if (flops) state.counters["flop/frame"] = kernelFlopsPerFrame();
 }
 
+// vector:1 the kernels this processor selects (AVX2 where it pays and is
+// available), vector:2 the same with AVX2 switched off (SSE2 only),
+// vector:0 the scalar references.
 void BM_KvaecNormalFrame(benchmark::State &state) {
     kvaec::simd::setScalar(state.range(0) == 0);
+    kvaec::simd::setAvx2(state.range(0) != 2);
     kvaecRun(state, 0, input().far, input().mic);
     kvaec::simd::setScalar(false);
+    kvaec::simd::setAvx2(true);
     setCounters(state, true);
 }
-BENCHMARK(BM_KvaecNormalFrame)->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK(BM_KvaecNormalFrame)->Arg(1)->Arg(2)->Arg(0)->ArgName("vector");
 
 void BM_KvaecBypassFrame(benchmark::State &state) {
     kvaecRun(state, KVAEC_MODE_BYPASS, input().far, input().mic);
@@ -196,6 +225,105 @@ BENCHMARK_TEMPLATE(stageBench, adapt1)->Name("BM_Stage_adapt1")->Arg(1)->Arg(0)-
 BENCHMARK_TEMPLATE(stageBench, adapt4)->Name("BM_Stage_adapt4")->Arg(1)->Arg(0)->ArgName("vector");
 BENCHMARK_TEMPLATE(stageBench, cancelSlow)->Name("BM_Stage_cancel_slow")->Arg(1)->Arg(0)->ArgName("vector");
 BENCHMARK_TEMPLATE(stageBench, nrgIn)->Name("BM_Stage_nrg_in")->Arg(1)->Arg(0)->ArgName("vector");
+
+// Filter-bank stages on the state of a normal frame, restored before every
+// run, with a frame of the benchmark input as their audio buffer.
+template <void (*Stage)(AEC_tDb *, AEC_tSc *, float *)>
+void fbStageBench(benchmark::State &state) {
+    kvaec::simd::setScalar(state.range(0) == 0);
+    aecx_init(nullptr);
+    float r[kFrame], s[kFrame];
+    for (int k = 0; k < kWarmup; ++k) {
+        std::memcpy(r, &input().far[size_t(k) * kFrame], sizeof r);
+        std::memcpy(s, &input().mic[size_t(k) * kFrame], sizeof s);
+        aecx_process(r, s);
+    }
+    static Saved saved;
+    saved.db = AEC_Db;
+    saved.sc = AEC_Sc;
+    for (auto _ : state) {
+        state.PauseTiming();
+        AEC_Db = saved.db;
+        AEC_Sc = saved.sc;
+        std::memcpy(s, &input().mic[size_t(kWarmup) * kFrame], sizeof s);
+        state.ResumeTiming();
+        Stage(&AEC_Db, &AEC_Sc, s);
+    }
+    kvaec::simd::setScalar(false);
+}
+
+void sndAnalysis(AEC_tDb *db, AEC_tSc *sc, float *x) { aec_fb_snd_analysis(db, sc, x); }
+void sndSynthesis(AEC_tDb *db, AEC_tSc *sc, float *x) { aec_fb_snd_synthesis(db, sc, x); }
+void rcvAnalysis(AEC_tDb *db, AEC_tSc *sc, float *x) { aec_fb_rcv_analysis(db, sc, x); }
+void rcvSynthesis(AEC_tDb *db, AEC_tSc *sc, float *x) { aec_fb_rcv_synthesis(db, sc, x); }
+void refAnalysis(AEC_tDb *db, AEC_tSc *sc, float *x) { aec_fb_ref_analysis(db, sc, x); }
+
+BENCHMARK_TEMPLATE(fbStageBench, sndAnalysis)->Name("BM_Stage_fb_snd_analysis")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(fbStageBench, sndSynthesis)->Name("BM_Stage_fb_snd_synthesis")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(fbStageBench, rcvAnalysis)->Name("BM_Stage_fb_rcv_analysis")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(fbStageBench, rcvSynthesis)->Name("BM_Stage_fb_rcv_synthesis")->Arg(1)->Arg(0)->ArgName("vector");
+BENCHMARK_TEMPLATE(fbStageBench, refAnalysis)->Name("BM_Stage_fb_ref_analysis")->Arg(1)->Arg(0)->ArgName("vector");
+
+// ---- single kernels ----
+// impl:0 scalar reference, 1 SSE2, 2 AVX2 (the library's cancellation
+// kernel; for the tapered update the prototype in avx2_proto.cpp). groups:
+// 9 and 12 groups of four taps, the 36- and 48-tap filters. Each call works
+// on the same buffers; results are checked against the reference first.
+
+std::vector<float> kernelData(uint32_t seed, size_t n) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    std::vector<float> v(n);
+    for (auto &x : v) x = u(rng);
+    return v;
+}
+
+void BM_Kernel_cancel(benchmark::State &state) {
+    const int groups = static_cast<int>(state.range(0));
+    const int impl = static_cast<int>(state.range(1));
+    if (impl == 2 && !__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no AVX2");
+        return;
+    }
+    using Fn = void (*)(const float *, const float *, float *, int32_t);
+    const Fn fn = impl == 0 ? kvaec::kern::cancelBandScalar
+                            : impl == 1 ? kvaec::kern::cancelBandSse2 : kvaec::kern::cancelBandAvx2;
+    const std::vector<float> ref = kernelData(1, 8 * 16), coef = kernelData(2, 8 * 16);
+    float want[2] = {0.0f, 0.0f}, got[2] = {0.0f, 0.0f};
+    kvaec::kern::cancelBandScalar(ref.data(), coef.data(), want, groups);
+    fn(ref.data(), coef.data(), got, groups);
+    if (std::memcmp(want, got, sizeof want) != 0) state.SkipWithError("differs from the reference");
+    for (auto _ : state) {
+        float acc[2] = {0.0f, 0.0f};
+        fn(ref.data(), coef.data(), acc, groups);
+        benchmark::DoNotOptimize(acc);
+    }
+}
+BENCHMARK(BM_Kernel_cancel)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
+
+void BM_Kernel_tapered_update(benchmark::State &state) {
+    const int groups = static_cast<int>(state.range(0));
+    const int impl = static_cast<int>(state.range(1));
+    if (impl == 2 && !__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no AVX2");
+        return;
+    }
+    using Fn = void (*)(float *, const float *, float, float, int, float);
+    const Fn fn = impl == 0 ? kvaec::kern::updateTaperedScalar
+                            : impl == 1 ? kvaec::kern::updateTaperedSse2 : benchUpdateTaperedAvx2;
+    const std::vector<float> ref = kernelData(3, 8 * 16);
+    std::vector<float> want = kernelData(4, 8 * 16), got = want;
+    kvaec::kern::updateTaperedScalar(want.data(), ref.data(), 0.3f, -0.2f, groups, 0.85f);
+    fn(got.data(), ref.data(), 0.3f, -0.2f, groups, 0.85f);
+    if (want != got) state.SkipWithError("differs from the reference");
+    std::vector<float> c = kernelData(4, 8 * 16);
+    for (auto _ : state) {
+        // Tiny steps keep the coefficients from growing over the iterations.
+        fn(c.data(), ref.data(), 1e-9f, -1e-9f, groups, 0.85f);
+        benchmark::DoNotOptimize(c.data());
+    }
+}
+BENCHMARK(BM_Kernel_tapered_update)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
 
 // ---- peers ----
 

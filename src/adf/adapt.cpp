@@ -80,6 +80,11 @@ void updateTapered(float *c, const float *r, float ur, float ui, int groups, flo
         kvaec::kern::updateTaperedSse2(c, r, ur, ui, groups, taper);
         return;
     }
+#elif KVAEC_SIMD_NEON
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::updateTaperedNeon(c, r, ur, ui, groups, taper);
+        return;
+    }
 #endif
     kvaec::kern::updateTaperedScalar(c, r, ur, ui, groups, taper);
 }
@@ -91,6 +96,11 @@ void blockUpdate(float *c, const float *x, float (*e)[2], int groups, float tape
         kvaec::kern::blockUpdateSse2(c, x, e, groups, taper);
         return;
     }
+#elif KVAEC_SIMD_NEON
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::blockUpdateNeon(c, x, e, groups, taper);
+        return;
+    }
 #endif
     kvaec::kern::blockUpdateScalar(c, x, e, groups, taper);
 }
@@ -100,6 +110,11 @@ void whiten(const float (*a)[2], const float *x, float (*w)[2], int groups) {
 #if KVAEC_SIMD_SSE2
     if (kvaec::simd::vectorOn()) {
         kvaec::kern::whitenSse2(a, x, w, groups);
+        return;
+    }
+#elif KVAEC_SIMD_NEON
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::whitenNeon(a, x, w, groups);
         return;
     }
 #endif

@@ -55,7 +55,12 @@ void aec_cancel_band(const float *ref, const float *coef, float *acc, int32_t le
     const int32_t groups = len >> 2;
 #if KVAEC_SIMD_SSE2
     if (kvaec::simd::vectorOn()) {
-        kvaec::kern::cancelBandSse2(ref, coef, acc, groups);
+        kvaec::kern::cancelBandVec(ref, coef, acc, groups);
+        return;
+    }
+#elif KVAEC_SIMD_NEON
+    if (kvaec::simd::vectorOn()) {
+        kvaec::kern::cancelBandNeon(ref, coef, acc, groups);
         return;
     }
 #endif

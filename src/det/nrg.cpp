@@ -23,6 +23,8 @@ static_assert(kFrameFloats == 328, "a sub-band frame is 41 x 4 complex values");
 float sumSquares(const float *first, int nBands, int stride) {
 #if KVAEC_SIMD_SSE2
     if (kvaec::simd::vectorOn()) return kvaec::kern::sumSquaresSse2Inline(first, nBands, stride);
+#elif KVAEC_SIMD_NEON
+    if (kvaec::simd::vectorOn()) return kvaec::kern::sumSquaresNeon(first, nBands, stride);
 #endif
     return kvaec::kern::sumSquaresScalar(first, nBands, stride);
 }

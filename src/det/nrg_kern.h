@@ -11,6 +11,7 @@ namespace kvaec::kern {
 // turn, combined as (lane0 + lane1) + (lane2 + lane3). No runs gives 0.
 float sumSquaresScalar(const float *first, int nBands, int stride);
 float sumSquaresSse2(const float *first, int nBands, int stride);
+float sumSquaresNeon(const float *first, int nBands, int stride);
 
 }  // namespace kvaec::kern
 

@@ -7,6 +7,7 @@
 //   acRcvSb[b][t]      receive sub-band frame, analysed and synthesised as is
 //   afRcvSynOla[240]   synthesis overlap-add accumulator
 #include "fb.h"
+#include "fb_kern.h"
 #include <string.h>
 
 namespace {
@@ -28,9 +29,8 @@ void aec_fb_rcv_analysis(AEC_tDb *db, AEC_tSc *sc, const float *rin) {
     for (int t = 0; t < AEC_NSUB; t++) {
         memmove(d, d + kHop, (kWin - kHop) * sizeof(float));
         memcpy(d + (kWin - kHop), rin + kHop * t, kHop * sizeof(float));
-        for (int i = 0; i < kFft; i++) {
-            u[i] = w[i] * d[i] + w[i + 80] * d[i + 80] + w[i + 160] * d[i + 160];
-        }
+        // u[i] = w[i] d[i] + w[i + 80] d[i + 80] + w[i + 160] d[i + 160]
+        kvaec::kern::fold3(w, d, u);
         aecfb_rfft(u, &sc->acRcvSb[0][t][0], sc->afFbWork, AEC_NSUB);
     }
 }
@@ -41,14 +41,9 @@ void aec_fb_rcv_synthesis(AEC_tDb *db, AEC_tSc *sc, float *rin) {
     float *y = sc->afFbTime;
     for (int t = 0; t < AEC_NSUB; t++) {
         aecfb_rifft(&sc->acRcvSb[0][t][0], y, sc->afFbWork);
-        for (int i = 0; i < kFft; i++) {
-            a[i] += y[i] * g[i];
-            a[i + 80] += y[i] * g[i + 80];
-            a[i + 160] += y[i] * g[i + 160];
-        }
-        for (int i = 0; i < kHop; i++) {
-            rin[kHop * t + i] = a[i] * kOutGain;
-        }
+        // a[i + 80 m] += y[i] g[i + 80 m], m = 0..2; then 40 outputs x 80.
+        kvaec::kern::overlapAdd3(a, y, g);
+        kvaec::kern::scaleHop(a, kOutGain, rin + kHop * t);
         memmove(a, a + kHop, (kWin - kHop) * sizeof(float));
         memset(a + (kWin - kHop), 0, kHop * sizeof(float));
     }

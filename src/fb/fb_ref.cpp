@@ -11,6 +11,7 @@
 //                      row of band j of strip s starts at complex index
 //                      AEC_aiRefOffStrip[s] + j * AEC_aiRefSzStrip[s]
 #include "fb.h"
+#include "fb_kern.h"
 #include <string.h>
 
 namespace {
@@ -32,13 +33,8 @@ void aec_fb_ref_analysis(AEC_tDb *db, AEC_tSc *sc, const float *rin) {
     for (int t = 0; t < AEC_NSUB; t++) {
         memmove(d, d + kHop, (kWin - kHop) * sizeof(float));
         memcpy(d + (kWin - kHop), rin + kHop * t, kHop * sizeof(float));
-        for (int i = 0; i < kFft; i++) {
-            float s = 0.0f;
-            for (int m = 0; m < 6; m++) {
-                s += w[i + 80 * m] * d[i + 80 * m];
-            }
-            u[i] = s;
-        }
+        // u[i] = sum over m = 0..5 of w[i + 80 m] d[i + 80 m], oldest segment first.
+        kvaec::kern::fold6(w, d, u);
         aecfb_rfft(u, &sc->acErrAds[0][0][0], sc->afFbWork, AEC_NSUB);
         // Block 3 (newest) goes to position 0 of each row, block 0 to position 3.
         const int pos = (AEC_NSUB - 1) - t;
@@ -50,5 +46,19 @@ void aec_fb_ref_analysis(AEC_tDb *db, AEC_tSc *sc, const float *rin) {
                 ref[2 * k + 1] = bins[2 * AEC_NSUB * (b0 + j) + 1];
             }
         }
+    }
+}
+
+// Scalar reference of the six-segment fold (the vector kernels reproduce it
+// lane by lane, starting every sum at +0 as here).
+static_assert(kvaec::kern::kFbFold == kFft && kvaec::kern::kFbWin6 == kWin, "kernel lengths match the window");
+
+void kvaec::kern::fold6Scalar(const float *w, const float *d, float *u) {
+    for (int i = 0; i < kFft; i++) {
+        float s = 0.0f;
+        for (int m = 0; m < 6; m++) {
+            s += w[i + 80 * m] * d[i + 80 * m];
+        }
+        u[i] = s;
     }
 }

@@ -10,6 +10,7 @@
 //
 // With the sub-bands left as analysed the chain is a pure delay of 120 samples.
 #include "fb.h"
+#include "fb_kern.h"
 #include <string.h>
 
 namespace {
@@ -34,9 +35,7 @@ void aec_fb_snd_analysis(AEC_tDb *db, AEC_tSc *sc, const float *sin) {
         memmove(d, d + kHop, (kWin - kHop) * sizeof(float));
         memcpy(d + (kWin - kHop), sin + kHop * t, kHop * sizeof(float));
         // Window and fold: three 80-sample segments summed, oldest segment first.
-        for (int i = 0; i < kFft; i++) {
-            u[i] = h[i] * d[i] + h[i + 80] * d[i + 80] + h[i + 160] * d[i + 160];
-        }
+        kvaec::kern::fold3(h, d, u);
         aecfb_rfft(u, &sc->acSndSb[0][t][0], sc->afFbWork, AEC_NSUB);
     }
     // The two cancellers each work on their own copy of the analysed frame.
@@ -51,16 +50,35 @@ void aec_fb_snd_synthesis(AEC_tDb *db, AEC_tSc *sc, float *sin) {
     for (int t = 0; t < AEC_NSUB; t++) {
         aecfb_rifft(&sc->acErrAdf[0][t][0], y, sc->afFbWork);
         // Overlap-add the block, repeated three times under the window.
-        for (int i = 0; i < kFft; i++) {
-            a[i] += y[i] * g[i];
-            a[i + 80] += y[i] * g[i + 80];
-            a[i + 160] += y[i] * g[i + 160];
-        }
+        kvaec::kern::overlapAdd3(a, y, g);
         // The oldest 40 accumulator samples are complete.
-        for (int i = 0; i < kHop; i++) {
-            sin[kHop * t + i] = a[i] * kOutGain;
-        }
+        kvaec::kern::scaleHop(a, kOutGain, sin + kHop * t);
         memmove(a, a + kHop, (kWin - kHop) * sizeof(float));
         memset(a + (kWin - kHop), 0, kHop * sizeof(float));
+    }
+}
+
+// Scalar references of the window loops shared by the send and receive banks
+// (the vector kernels in fb_sse2.cpp / fb_neon.cpp reproduce them lane by lane).
+static_assert(kvaec::kern::kFbFold == kFft && kvaec::kern::kFbHop == kHop && kvaec::kern::kFbWin3 == kWin,
+              "kernel lengths match the bank");
+
+void kvaec::kern::fold3Scalar(const float *w, const float *d, float *u) {
+    for (int i = 0; i < kFft; i++) {
+        u[i] = w[i] * d[i] + w[i + 80] * d[i + 80] + w[i + 160] * d[i + 160];
+    }
+}
+
+void kvaec::kern::overlapAdd3Scalar(float *a, const float *y, const float *g) {
+    for (int i = 0; i < kFft; i++) {
+        a[i] += y[i] * g[i];
+        a[i + 80] += y[i] * g[i + 80];
+        a[i + 160] += y[i] * g[i + 160];
+    }
+}
+
+void kvaec::kern::scaleHopScalar(const float *a, float gain, float *out) {
+    for (int i = 0; i < kHop; i++) {
+        out[i] = a[i] * gain;
     }
 }

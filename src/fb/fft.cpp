@@ -15,6 +15,7 @@
 // The write-back does the reordering; there is no bit-reversal pass. The
 // radix-4, -5 and -8 kernels are straight-line code.
 #include "fb.h"
+#include "fb_kern.h"
 
 namespace {
 
@@ -95,7 +96,7 @@ inline void dft5(const float *x, int is, float *y, int os, bool inverse) {
 // work[2 (8 u + q)], floats 0..79. The five-point temporaries live in
 // registers; floats 80..111 are left to the callers' later stages.
 void fft5a_impl(const float *in, float *work, bool inverse) {
-    for (int q = 0; q < 8; ++q) dft5(in + 2 * q, 16, work + 2 * q, 16, inverse);
+    for (int q = 0; q < 8; q += 4) kvaec::kern::dft5x4(in + 2 * q, 16, work + 2 * q, 16, inverse);
 }
 
 // Shared body of aecfb_fft40 / aecfb_ifft40; `x` in place, work >= 112.
@@ -106,22 +107,9 @@ void fft40_impl(float *x, float *work, bool inverse) {
     } else {
         aecfb_fft5a(x, work);
     }
+    // Rows 1..4 times e^(-j 2 pi u q / 40), conjugated for the inverse.
     for (int u = 1; u < 5; ++u) {
-        float *row = work + 16 * u;
-        const float(*tw)[2] = aecfb_afTwid40 + 8 * (u - 1);
-        for (int q = 0; q < 8; ++q) {
-            const float re = row[2 * q], im = row[2 * q + 1];
-            const float c = tw[q][0], s = tw[q][1];
-            if (inverse) {
-                // Conjugated twiddle: (re + j im)(c - j s).
-                row[2 * q] = c * re + s * im;
-                row[2 * q + 1] = c * im - s * re;
-            } else {
-                // (re + j im)(c + j s).
-                row[2 * q] = c * re - s * im;
-                row[2 * q + 1] = s * re + c * im;
-            }
-        }
+        kvaec::kern::twiddle(work + 16 * u, aecfb_afTwid40 + 8 * (u - 1), 8, inverse);
     }
     for (int u = 0; u < 5; ++u) {
         if (inverse) {
@@ -327,16 +315,9 @@ void aecfb_ifft40(float *x, float *work) { fft40_impl(x, work, true); }
 // 2 (16 u + q); 160..199 the 16-point kernel's work area (the five-point
 // temporaries live in registers).
 void aec_fft80(float *x, float *work) {
-    for (int q = 0; q < 16; ++q) dft5(x + 2 * q, 32, work + 2 * q, 32, false);
+    for (int q = 0; q < 16; q += 4) kvaec::kern::dft5x4(x + 2 * q, 32, work + 2 * q, 32, false);
     for (int u = 1; u < 5; ++u) {
-        float *row = work + 32 * u;
-        const float(*tw)[2] = aecfb_afTwid80 + 16 * (u - 1);
-        for (int q = 0; q < 16; ++q) {
-            const float re = row[2 * q], im = row[2 * q + 1];
-            const float c = tw[q][0], s = tw[q][1];
-            row[2 * q] = c * re - s * im;
-            row[2 * q + 1] = s * re + c * im;
-        }
+        kvaec::kern::twiddle(work + 32 * u, aecfb_afTwid80 + 16 * (u - 1), 16, false);
     }
     for (int u = 0; u < 5; ++u) aec_fft16(work + 32 * u, work + kFft80Mat);
     // X[u + 5 w] = S[u][w].
@@ -344,6 +325,27 @@ void aec_fft80(float *x, float *work) {
         for (int w = 0; w < 16; ++w) {
             x[2 * (u + 5 * w)] = work[2 * (16 * u + w)];
             x[2 * (u + 5 * w) + 1] = work[2 * (16 * u + w) + 1];
+        }
+    }
+}
+
+// Scalar references of the vectorised steps (fb_kern.h).
+void kvaec::kern::dft5x4Scalar(const float *x, int is, float *y, int os, bool inverse) {
+    for (int c = 0; c < 4; ++c) dft5(x + 2 * c, is, y + 2 * c, os, inverse);
+}
+
+void kvaec::kern::twiddleScalar(float *row, const float (*tw)[2], int n, bool inverse) {
+    for (int q = 0; q < n; ++q) {
+        const float re = row[2 * q], im = row[2 * q + 1];
+        const float c = tw[q][0], s = tw[q][1];
+        if (inverse) {
+            // Conjugated twiddle: (re + j im)(c - j s).
+            row[2 * q] = c * re + s * im;
+            row[2 * q + 1] = c * im - s * re;
+        } else {
+            // (re + j im)(c + j s).
+            row[2 * q] = c * re - s * im;
+            row[2 * q + 1] = s * re + c * im;
         }
     }
 }

@@ -12,6 +12,7 @@
 // 40-point inverse FFT gives 40 z, whose real and imaginary parts are the
 // even and odd output samples (40 times the normalised inverse).
 #include "fb.h"
+#include "fb_kern.h"
 
 namespace {
 
@@ -38,15 +39,8 @@ void aecfb_rfft(const float *in, float *out, float *work, int stride) {
     work[2 * kHalf] = work[0];
     work[2 * kHalf + 1] = work[1];
 
-    for (int k = 0; k < kHalf; ++k) {
-        const float zr = work[2 * k], zi = work[2 * k + 1];
-        const float cr = work[2 * (kHalf - k)], ci = work[2 * (kHalf - k) + 1];
-        const float ar = aecfb_afSplit80[k][0], ai = aecfb_afSplit80[k][1];
-        const float br = aecfb_afSplit80[k][2], bi = aecfb_afSplit80[k][3];
-        float *o = out + 2 * k * stride;
-        o[0] = cr * br + zr * ar + ci * bi - zi * ai;
-        o[1] = zr * ai + ar * zi + cr * bi - br * ci;
-    }
+    // X[k] = Z[k] A[k] + conj(Z[40 - k]) B[k], k = 0..39.
+    kvaec::kern::rfftSplit(work, aecfb_afSplit80, out, stride);
     float *o = out + 2 * kHalf * stride;
     o[0] = work[0] - work[1];
     o[1] = 0.0f;
@@ -59,16 +53,34 @@ void aecfb_rfft(const float *in, float *out, float *work, int stride) {
 // The imaginary parts of bins 0 and 40 are used as they are.
 void aecfb_rifft(const float *in, float *out, float *work) {
     static_assert(kBins == 41, "41 bins");
+    // Z[k] = X[k] conj(A[k]) + conj(X[40 - k]) conj(B[k]), k = 0..39.
+    kvaec::kern::rifftSplit(in, aecfb_afSplit80, out);
+    aecfb_ifft40(out, work);
+}
+
+// Scalar references of the split steps (fb_kern.h).
+void kvaec::kern::rfftSplitScalar(const float *z, const float (*split)[4], float *out, int stride) {
+    for (int k = 0; k < kHalf; ++k) {
+        const float zr = z[2 * k], zi = z[2 * k + 1];
+        const float cr = z[2 * (kHalf - k)], ci = z[2 * (kHalf - k) + 1];
+        const float ar = split[k][0], ai = split[k][1];
+        const float br = split[k][2], bi = split[k][3];
+        float *o = out + 2 * k * stride;
+        o[0] = cr * br + zr * ar + ci * bi - zi * ai;
+        o[1] = zr * ai + ar * zi + cr * bi - br * ci;
+    }
+}
+
+void kvaec::kern::rifftSplitScalar(const float *in, const float (*split)[4], float *out) {
     for (int k = 0; k < kHalf; ++k) {
         const float *xk = in + 2 * kInvStride * k;
         const float *xc = in + 2 * kInvStride * (kHalf - k);
         const float xr = xk[0], xi = xk[1];
         const float cr = xc[0], ci = xc[1];
-        const float ar = aecfb_afSplit80[k][0], ai = aecfb_afSplit80[k][1];
-        const float br = aecfb_afSplit80[k][2], bi = aecfb_afSplit80[k][3];
+        const float ar = split[k][0], ai = split[k][1];
+        const float br = split[k][2], bi = split[k][3];
         // X[k] conj(A[k]) + conj(X[40 - k]) conj(B[k])
         out[2 * k] = (xr * ar + xi * ai) + (cr * br - ci * bi);
         out[2 * k + 1] = (xi * ar - xr * ai) - (cr * bi + ci * br);
     }
-    aecfb_ifft40(out, work);
 }
