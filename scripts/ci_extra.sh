@@ -7,13 +7,15 @@
 #   valgrind  every test binary of the normal build (build/) under memcheck
 #   armhf     whole test suite for 32-bit ARM hard-float, run under qemu-arm
 #             (includes the bit-exact golden run against tests/golden/golden_hash.txt)
+#   aarch64   64-bit ARM with the NEON kernels, under qemu-aarch64: kernel and
+#             whole-frame equivalence with the scalar code, and the golden run
 #   fuzz      libFuzzer target, 60 s from the seed corpus (KVAEC_FUZZ_SECONDS)
 #   soak      5 minutes of closed-loop audio (KVAEC_SOAK_MINUTES)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc 2>/dev/null || echo 2)
 steps=("$@")
-[ ${#steps[@]} -gt 0 ] || steps=(asan valgrind armhf fuzz soak)
+[ ${#steps[@]} -gt 0 ] || steps=(asan valgrind armhf aarch64 fuzz soak)
 
 # Packages for these jobs. The armhf build uses clang with Debian's armhf
 # cross libraries: the gcc cross compiler (gcc-12-arm-linux-gnueabihf)
@@ -22,7 +24,8 @@ steps=("$@")
 source "$root/scripts/deps.sh"
 install_extra_deps() {
   kvaec_install_missing clang libclang-rt-14-dev valgrind qemu-user binutils-arm-linux-gnueabihf \
-    libc6-dev-armhf-cross libstdc++-12-dev-armhf-cross libgcc-12-dev-armhf-cross
+    libc6-dev-armhf-cross libstdc++-12-dev-armhf-cross libgcc-12-dev-armhf-cross \
+    binutils-aarch64-linux-gnu libc6-dev-arm64-cross libstdc++-12-dev-arm64-cross libgcc-12-dev-arm64-cross
 }
 
 timed() {
@@ -86,6 +89,15 @@ step_armhf() {
   ctest --test-dir "$root/build-armhf" --output-on-failure -j"$jobs" -LE scenario
 }
 
+step_aarch64() {
+  cmake -S "$root" -B "$root/build-aarch64" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-aarch64.cmake" \
+    -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
+  cmake --build "$root/build-aarch64" -j"$jobs" --target perf_test_kernels perf_test_equivalence golden_test_golden \
+    > "$root/build-aarch64/build.log" 2>&1 || { tail -50 "$root/build-aarch64/build.log"; return 1; }
+  ctest --test-dir "$root/build-aarch64" --output-on-failure -j"$jobs" -L 'perf|golden'
+}
+
 step_fuzz() {
   "$root/tests/fuzz/run.sh" "${KVAEC_FUZZ_SECONDS:-60}" "$root/build-fuzz"
 }
@@ -97,7 +109,7 @@ step_soak() {
 install_extra_deps
 for s in "${steps[@]}"; do
   case "$s" in
-    asan|valgrind|armhf|fuzz|soak) timed "$s" "step_$s" ;;
+    asan|valgrind|armhf|aarch64|fuzz|soak) timed "$s" "step_$s" ;;
     *) echo "ci_extra: unknown step $s" >&2; exit 2 ;;
   esac
 done
