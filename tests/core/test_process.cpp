@@ -367,14 +367,6 @@ TEST_F(FrameDriver, BypassDitherAdvancesTheGeneratorOncePerSampleOfBothPaths) {
 
 // ---- adaptation progress gate of the coefficient ERL update ----
 
-bool erlUpdatePresent() {
-    aecx_init(nullptr);
-    aec_exp_erl(&AEC_Db, &AEC_Sc);
-    const bool moved = AEC_Db.iErlStrip != 1;
-    aecx_init(nullptr);
-    return moved;
-}
-
 TEST_F(FrameDriver, CoefficientErlUpdateNotRunAtAdaptTimeExactlySixty) {
     for (int fr = 0; fr < 3; ++fr) {
         AEC_Db.fAdaptTime = 60.0f;
@@ -384,7 +376,6 @@ TEST_F(FrameDriver, CoefficientErlUpdateNotRunAtAdaptTimeExactlySixty) {
 }
 
 TEST_F(FrameDriver, CoefficientErlUpdateRunsAboveSixty) {
-    if (!erlUpdatePresent()) GTEST_SKIP() << "the coefficient ERL update is not implemented yet";
     AEC_Db.fAdaptTime = std::nextafter(60.0f, 100.0f);
     runSilent();
     EXPECT_EQ(AEC_Db.iErlStrip, 2);
