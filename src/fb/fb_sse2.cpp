@@ -24,7 +24,8 @@ inline __m128 swapReIm(__m128 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 3,
 
 // Two complex values from two places: (p[0], p[1], q[0], q[1]).
 inline __m128 loadPair(const float *p, const float *q) {
-    const __m128 lo = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double *>(p)));
+    // movq through an unaligned 64-bit type: p is only float-aligned.
+    const __m128 lo = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)));
     return _mm_loadh_pi(lo, reinterpret_cast<const __m64 *>(q));
 }
 
