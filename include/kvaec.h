@@ -135,6 +135,48 @@ KVAEC_API void aecx_spkeq(float *x);
 /* Equalise a 160-sample microphone frame in place by iProfile (1, 3, 4); other profiles pass through. */
 KVAEC_API void aecx_miceq(float *x);
 
+/* ---- host rules: one definition for every host (tool, Python, plugins) ---- */
+
+/* Delay of the receive path through aecx_process, samples: the receive output
+ * of a frame trails its input by this much. */
+#define KVAEC_RCV_DELAY_SAMPLES 40
+/* Delay of the send path through aecx_process, samples. */
+#define KVAEC_SND_DELAY_SAMPLES 120
+
+/*
+ * Least delay, in samples at 16 kHz, from a receive sample leaving
+ * aecx_process (the receive output) to its echo reaching the microphone input
+ * of a later aecx_process call. The canceller cancels a microphone frame
+ * against the reference history written by the previous calls, so its first
+ * tap lies one frame after the receive output, and the filter banks spread an
+ * arrival over some more samples: echo that arrives earlier than this is
+ * partly or wholly missed. A host whose loudspeaker-to-microphone latency is
+ * shorter delays the microphone by the difference (kvaec_align_shift).
+ */
+#define KVAEC_ECHO_MIN_DELAY 280
+
+/*
+ * Alignment of recorded or live signals. `bulk_delay`: samples (16 kHz) from
+ * a far-end sample as the host gives it to aecx_process (its receive input)
+ * to the first arrival of its echo in the microphone signal as recorded.
+ * `margin`: extra samples (>= 0) beyond KVAEC_ECHO_MIN_DELAY.
+ * Returns how many samples the host delays the microphone signal relative to
+ * the far end so that the echo reaches aecx_process exactly
+ * KVAEC_ECHO_MIN_DELAY + margin samples after its receive output left it;
+ * a negative value means: delay the far end by minus that many instead.
+ */
+KVAEC_API int32_t kvaec_align_shift(int32_t bulk_delay, int32_t margin);
+
+/*
+ * Checks a configuration against the documented ranges of its fields
+ * (non-finite values are never valid). Returns NULL when the record is
+ * valid (or `cfg` is NULL, which stands for the defaults); otherwise a
+ * static, NUL-terminated one-line reason that starts with the field's name,
+ * e.g. "fErlInitDb: ...". Hosts check a configuration with this before
+ * loading it with aecx_init() or aecx_control().
+ */
+KVAEC_API const char *kvaec_cfg_check(const AEC_tCfg *cfg);
+
 #ifdef __cplusplus
 }
 #endif

@@ -32,10 +32,12 @@ inline float minf(float a, float b) { return b < a ? b : a; }
 
 // Per strip s = 0..29, block h of afRefNrgHist (G + 1 linear energies, newest
 // first; G = filter taps / 4 frames inside the filter span, h[G] the leaky sum
-// of everything older):
-//   fExpEchoDb = max(en2log(tapered span energy) - en2log(span energy), -120)
-//                - (fErleAvgDb + fErlDb)
-//   fExpTailDb = the same with the older energy h[G] added to the numerator.
+// of everything older). Both predictions are absolute echo levels: the
+// reference energy over the filter span less the echo loss, so they fall
+// with the far end and compare directly with the error and floor levels:
+//   fExpEchoDb = max(en2log(tapered span energy), -120) - (fErleAvgDb + fErlDb)
+//   fExpTailDb = the same with the older energy h[G] added to the tapered sum
+//                (weighted by the long-tail profiles 5 and 6).
 // Then the block is aged by one frame: h[G] absorbs h[G-1], h[0..G-2] move
 // to h[1..G-1]; h[0] is rewritten by the energy stage of the next frame.
 void aec_exp_update(AEC_tDb *db, AEC_tSc *sc) {
@@ -44,20 +46,17 @@ void aec_exp_update(AEC_tDb *db, AEC_tSc *sc) {
     for (int s = 0; s < AEC_NSTRIPS; ++s) {
         float *h = db->afRefNrgHist + AEC_aiRefNrgOffStrip[s];
         const int G = AEC_aiAdfSzStrip[s] / 4;
-        float e = 0.0f;
         float et = 0.0f;
         float w = 1.0f;
         for (int g = 0; g < G; ++g) {
-            e = e + h[g];
             et = et + w * h[g];
             w = w * kSpanTaper;
         }
-        const float a = aec_utl_en2log(e);
         const float b = aec_utl_en2log(et);
         const AEC_tStripRec *st = &db->atStrip[s];
         AEC_tStripScRec *sr = &sc->atStripSc[s];
         const float loss = st->fErleAvgDb + st->fErlDb;
-        sr->fExpEchoDb = maxf(b - a, kRelFloorDb) - loss;
+        sr->fExpEchoDb = maxf(b, kRelFloorDb) - loss;
 
         float t;
         if (profile == 6)
@@ -66,7 +65,7 @@ void aec_exp_update(AEC_tDb *db, AEC_tSc *sc) {
             t = 10.0f * (et + 8.0f * h[G]);
         else
             t = et + h[G];
-        sr->fExpTailDb = maxf(aec_utl_en2log(t) - a, kRelFloorDb) - loss;
+        sr->fExpTailDb = maxf(aec_utl_en2log(t), kRelFloorDb) - loss;
 
         h[G] = h[G - 1] + age * h[G];
         if (G > 1) std::memmove(h + 1, h, static_cast<size_t>(G - 1) * sizeof(float));

@@ -51,7 +51,9 @@ constexpr float kMarker = -201.0f;       // level of a removed bin, below any re
 constexpr float kInv27 = 0.037037037f;   // 1 / 27 dB: slope of the peak interpolation
 constexpr float kDMax = 1.5f;
 constexpr float kBinHz = 25.0f;
-constexpr float kWeakPeakDb = 55.0f;     // below this the contrast counts half
+// Below this peak level the contrast counts half: -35.3 dB is 55 dB on a
+// 16-bit sample scale (55 - 20 log10(32768)) moved to full scale 1.0.
+constexpr float kWeakPeakDb = -35.3f;
 constexpr float kAlarmBiasDb = 25.0f;
 constexpr float kAlarmMaxDb = 30.0f;
 constexpr float kAlarmMinDb = -6.0f;
