@@ -91,6 +91,13 @@ typedef struct AEC_tCfg {
 KVAEC_API extern const AEC_tCfg AEC_DefaultCfg;
 
 /*
+ * Full-duplex configuration: keeps the near-end talker's level in double
+ * talk (a smaller double-talk margin), at a small cost in echo loss and
+ * adaptation speed. Read-only; load it with aecx_init(&kvaec_full_duplex_cfg).
+ */
+KVAEC_API extern const AEC_tCfg kvaec_full_duplex_cfg;
+
+/*
  * Bring the whole instance to its start values and load `cfg`
  * (NULL: AEC_DefaultCfg). Builds the band tables on the first call.
  * The mode word becomes 0 (every stage on).
