@@ -6,11 +6,14 @@
 //   - every output sample is finite;
 //   - aecx_bist() == 0;
 //   - the guard words of AEC_Sc hold their values;
-// and at the end that the cost of processing is stable: the slowest
-// one-second window (100 frames, thread CPU time of aecx_process alone) is
-// within 2x the median window.
+// and at the end reports how stable the cost of processing is: the slowest
+// one-second window (100 frames, thread CPU time of aecx_process alone)
+// against the median window. The cost is a measurement, not a check, unless
+// a limit is given with --max-cost-ratio (a long run by hand on a quiet
+// machine): on a shared machine other processes decide the slowest window.
 //
-//   soak [--minutes N] [--seed S]     (default 60 minutes of audio, seed 1)
+//   soak [--minutes N] [--seed S] [--no-ftz] [--max-cost-ratio R]
+//        (default 60 minutes of audio, seed 1, cost not checked)
 // Exit status 0 when every check held.
 #include <algorithm>
 #if defined(__SSE__)
@@ -70,14 +73,16 @@ private:
 
 int main(int argc, char **argv) {
     double minutes = 60;
+    double maxRatio = 0;  // 0: the cost ratio is reported, not checked
     uint32_t seed = 1;
     bool ftz = true;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--minutes") && i + 1 < argc) minutes = std::atof(argv[++i]);
         else if (!std::strcmp(argv[i], "--seed") && i + 1 < argc) seed = static_cast<uint32_t>(std::atol(argv[++i]));
         else if (!std::strcmp(argv[i], "--no-ftz")) ftz = false;
+        else if (!std::strcmp(argv[i], "--max-cost-ratio") && i + 1 < argc) maxRatio = std::atof(argv[++i]);
         else {
-            std::fprintf(stderr, "usage: %s [--minutes N] [--seed S] [--no-ftz]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--minutes N] [--seed S] [--no-ftz] [--max-cost-ratio R]\n", argv[0]);
             return 2;
         }
     }
@@ -170,8 +175,12 @@ int main(int argc, char **argv) {
         if (windowCost[w] == slowest) slowestAt = w;
     const double ratio = median > 0 ? slowest / median : 0.0;
     std::printf("soak: %.1f min of audio (%ld frames), %ld echo-path changes\n", minutes, frames, pathChanges);
-    std::printf("soak: cost per 1 s window: median %.3f ms, slowest %.3f ms (at %zu s), ratio %.2f (limit 2.00)\n",
-                median * 1e3, slowest * 1e3, slowestAt, ratio);
+    std::printf("soak: cost per 1 s window: median %.3f ms, slowest %.3f ms (at %zu s), ratio %.2f", median * 1e3,
+                slowest * 1e3, slowestAt, ratio);
+    if (maxRatio > 0)
+        std::printf(" (limit %.2f)\n", maxRatio);
+    else
+        std::printf(" (not checked)\n");
     std::vector<size_t> order(windowCost.size());
     for (size_t w = 0; w < order.size(); ++w) order[w] = w;
     std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return windowCost[a] > windowCost[b]; });
@@ -184,7 +193,8 @@ int main(int argc, char **argv) {
     std::printf("soak: frames with non-finite output %ld, with aecx_bist() != 0 %ld, with a bad guard word %ld\n",
                 nonFinite, bistBad, guardBad);
     if (firstBad >= 0) std::printf("soak: first bad frame %ld (%.2f s)\n", firstBad, static_cast<double>(firstBad) / kFps);
-    const int failed = (nonFinite > 0) + (bistBad > 0) + (guardBad > 0) + (ratio > 2.0);
-    std::printf("soak: %d passed, %d failed\n", 4 - failed, failed);
+    const int checks = maxRatio > 0 ? 4 : 3;
+    const int failed = (nonFinite > 0) + (bistBad > 0) + (guardBad > 0) + (maxRatio > 0 && ratio > maxRatio);
+    std::printf("soak: %d passed, %d failed\n", checks - failed, failed);
     return failed ? 1 : 0;
 }
