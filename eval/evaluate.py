@@ -235,6 +235,8 @@ def check_short(scen, engines, res, stats):
 
 SWEEP_ATT = (45.0, 50.0, 55.0)
 SWEEP_DTD = (3.0, 4.5, 6.0)
+# Beyond the grid: higher aims, to find where single talk reaches 46 dB.
+SWEEP_EXTRA = ((60.0, 4.5), (60.0, 6.0), (65.0, 4.5), (65.0, 6.0))
 SWEEP_SCEN = ("far_single", "far_quiet", "double_talk", "path_change", "near_only")
 # The quiet variant of far-end single talk: the same signals and room with the
 # microphone noise 20 dB lower (pink, -90 dBFS), so that the send output's
@@ -281,7 +283,7 @@ def run_sweep(args, work, sdir):
         print("sweep: scenarios missing in %s" % sdir, file=sys.stderr)
         return 1
     rdir = os.path.join(work, "sweep")
-    grid = [(a, d) for a in SWEEP_ATT for d in SWEEP_DTD]
+    grid = [(a, d) for a in SWEEP_ATT for d in SWEEP_DTD] + list(SWEEP_EXTRA)
     jobs = []
     for a, d in grid:
         e = sweep_engine(a, d)
