@@ -466,7 +466,9 @@ def write_report(args, scen, engines, metas, res, stats, runs, delay_note, plots
                              "evaluation, not a result)" if args.short else "full"))
     L.append("Reproduce: `scripts/evaluate` (installs the Debian packages, builds into `build-evaluate/`, "
              "runs everything and rewrites this file and `docs/img/eval_*.png`); `scripts/evaluate --short` "
-             "is the smoke run CTest uses. To look inside libkvaec on a scenario: "
+             "is the smoke run CTest uses; `scripts/evaluate --sweep` runs libkvaec alone over "
+             "`fNlpAttMaxDb` x `fDtdMarginDb` and writes its table into `docs/tuning.md`. "
+             "To look inside libkvaec on a scenario: "
              "`build-evaluate/kvaec_eval_probe build-evaluate/full/scenarios/S/far.f32 "
              "build-evaluate/full/runs/S/passthrough/mic.f32 [MODE [STRIP]]` prints levels, double-talk frames "
              "and, for one strip, the suppression gains and the library's own level estimates per 2 s.\n")
