@@ -64,13 +64,13 @@ private:
 };
 
 // "att=50,dtd=3" -> configuration; false on a malformed or invalid setting.
-bool parseKvaecCfg(const std::string &spec, AEC_tCfg *cfg) {
+bool parseKvaecCfg(const std::string &settings, AEC_tCfg *cfg) {
     *cfg = AEC_DefaultCfg;
     size_t pos = 0;
-    while (pos < spec.size()) {
-        size_t end = spec.find(',', pos);
-        if (end == std::string::npos) end = spec.size();
-        const std::string item = spec.substr(pos, end - pos);
+    while (pos < settings.size()) {
+        size_t end = settings.find(',', pos);
+        if (end == std::string::npos) end = settings.size();
+        const std::string item = settings.substr(pos, end - pos);
         const size_t eq = item.find('=');
         if (eq == std::string::npos) return false;
         const std::string key = item.substr(0, eq), val = item.substr(eq + 1);
