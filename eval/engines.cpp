@@ -63,9 +63,11 @@ private:
     float alarmMax_ = -1e9f;
 };
 
-// "att=50,dtd=3" -> configuration; false on a malformed or invalid setting.
-bool parseKvaecCfg(const std::string &settings, AEC_tCfg *cfg) {
+// "att=50,dtd=3,mode=0x400" -> configuration and mode word; false on a
+// malformed or invalid setting.
+bool parseKvaecCfg(const std::string &settings, AEC_tCfg *cfg, unsigned *mode) {
     *cfg = AEC_DefaultCfg;
+    *mode = 0u;
     size_t pos = 0;
     while (pos < settings.size()) {
         size_t end = settings.find(',', pos);
@@ -75,6 +77,13 @@ bool parseKvaecCfg(const std::string &settings, AEC_tCfg *cfg) {
         if (eq == std::string::npos) return false;
         const std::string key = item.substr(0, eq), val = item.substr(eq + 1);
         char *rest = nullptr;
+        if (key == "mode") {
+            const unsigned long m = std::strtoul(val.c_str(), &rest, 0);
+            if (val.empty() || *rest != '\0' || m > 0xFFFFFFFFul || (m & KVAEC_CMD_MASK) != 0) return false;
+            *mode = static_cast<unsigned>(m);
+            pos = end + 1;
+            continue;
+        }
         const float v = std::strtof(val.c_str(), &rest);
         if (val.empty() || *rest != '\0') return false;
         if (key == "att")
@@ -205,8 +214,9 @@ std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs) {
         return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS, AEC_DefaultCfg, true);
     if (name.rfind("kvaec:", 0) == 0) {
         AEC_tCfg cfg;
-        if (!parseKvaecCfg(name.substr(6), &cfg)) return nullptr;
-        return std::make_unique<KvaecEngine>(0u, cfg, false);
+        unsigned mode = 0u;
+        if (!parseKvaecCfg(name.substr(6), &cfg, &mode)) return nullptr;
+        return std::make_unique<KvaecEngine>(mode, cfg, false);
     }
     if (name == "speex") return std::make_unique<SpeexEngine>(false);
     if (name == "speex_pp") return std::make_unique<SpeexEngine>(true);
