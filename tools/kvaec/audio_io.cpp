@@ -146,6 +146,9 @@ void installInterruptHandler() {
     sa.sa_flags = 0;
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    // A FIFO output whose reader goes away gives a write error (EPIPE) and a
+    // clean exit instead of a silent death that would leave temporaries.
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 Audio readAudio(const std::string &path, std::vector<std::string> *warnings) {
@@ -289,6 +292,8 @@ InputCheck checkInput(const std::vector<float> &x, int rate) {
 }
 
 OutputSet::~OutputSet() {
+    for (Item &it : items_)
+        if (it.fd >= 0) ::close(it.fd);
     if (committed_) return;
     for (const Item &it : items_)
         if (!it.temp.empty()) {
@@ -314,7 +319,7 @@ int OutputSet::add(const std::string &path, const std::string &what) {
     const bool exists = ::stat(path.c_str(), &pst) == 0;
     if (exists && S_ISDIR(pst.st_mode)) throw ToolError("cannot write " + named + ": it is a directory");
     const bool special = exists && !S_ISREG(pst.st_mode);
-    Item item{path, what, "", fileId(path), special, false};
+    Item item{path, what, "", fileId(path), special, -1, false};
     for (const Input &in : inputs_)
         if (in.id == item.id)
             throw ToolError("output " + named + " is the input '" + in.path + "' (" + in.what +
@@ -325,15 +330,18 @@ int OutputSet::add(const std::string &path, const std::string &what) {
                             (it.what.empty() ? "" : " (" + it.what + ")") + " are the same file");
     std::string tmpl;
     if (special) {
-        // Written into, never renamed over: check now that it can be opened
-        // for writing (a FIFO needs a reader already, so nothing waits).
-        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK);
+        // Written into, never renamed over. Opened now and held open until
+        // commit: a FIFO needs its reader already (nothing waits), and the
+        // reader sees one writer from start to end.
+        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         if (fd < 0) {
             if (errno == ENXIO)
                 throw ToolError("cannot write " + named + ": it is a FIFO with no reader (start the reader first)");
             throw ToolError("cannot write " + named + ": " + std::strerror(errno));
         }
-        ::close(fd);
+        // Blocking writes from here on (a slow reader is waited for).
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+        item.fd = fd;
         tmpl = tempDirectory() + "/kvaec-" + baseOf(path) + ".XXXXXX";
     } else {
         struct stat st {};
@@ -352,9 +360,12 @@ int OutputSet::add(const std::string &path, const std::string &what) {
         fd = ::mkstemp(buf.data());
         if (fd >= 0) registerTemp(buf.data());
     }
-    if (fd < 0)
+    if (fd < 0) {
+        const int e = errno;
+        if (item.fd >= 0) ::close(item.fd);
         throw ToolError("cannot write " + named + (special ? " (temporary file in " + tempDirectory() + ")" : "") +
-                        ": " + std::strerror(errno));
+                        ": " + std::strerror(e));
+    }
     ::close(fd);
     item.temp = buf.data();
     items_.push_back(item);
@@ -389,15 +400,14 @@ void OutputSet::writeText(int index, const std::string &text) {
 
 namespace {
 
-// Copies the finished temporary file into an existing special file.
-void copyInto(const std::string &from, const std::string &to) {
+// Copies the finished temporary file into an existing special file, open
+// as `out` (closed here).
+void copyInto(const std::string &from, const std::string &to, int out) {
     const int in = ::open(from.c_str(), O_RDONLY);
-    if (in < 0) throw ToolError("cannot read the finished output for '" + to + "': " + std::strerror(errno));
-    const int out = ::open(to.c_str(), O_WRONLY);
-    if (out < 0) {
+    if (in < 0) {
         const int e = errno;
-        ::close(in);
-        throw ToolError("cannot write '" + to + "': " + std::strerror(e));
+        ::close(out);
+        throw ToolError("cannot read the finished output for '" + to + "': " + std::strerror(e));
     }
     char buf[65536];
     bool ok = true;
@@ -431,7 +441,9 @@ void OutputSet::commit() {
         if (!it.written) throw ToolError("internal: output '" + it.path + "' was never written");
     for (Item &it : items_) {
         if (it.special) {
-            copyInto(it.temp, it.path);
+            const int fd = it.fd;
+            it.fd = -1;
+            copyInto(it.temp, it.path, fd);
             ::unlink(it.temp.c_str());
             unregisterTemp(it.temp);
             it.temp.clear();

@@ -113,6 +113,7 @@ private:
         std::string temp;
         FileId id;
         bool special = false;  // existing non-regular file: written into, never renamed over
+        int fd = -1;           // a special output, held open from add() to commit()
         bool written = false;
     };
     struct Input {
