@@ -27,6 +27,7 @@ import numpy as np
 
 __all__ = [
     "Config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
+    "align_shift", "echo_min_delay",
     "load_library", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
     "MODE_NO_NLP", "MODE_NO_NR", "MODE_NO_HIPASS", "MODE_LOOPBACK",
 ]
@@ -161,6 +162,8 @@ def load_library():
     lib.aecx_spkeq.restype = None
     lib.aecx_miceq.argtypes = [fp]
     lib.aecx_miceq.restype = None
+    lib.kvaec_align_shift.argtypes = [ctypes.c_int32, ctypes.c_int32]
+    lib.kvaec_align_shift.restype = ctypes.c_int32
     _lib = lib
     return lib
 
@@ -329,17 +332,35 @@ def estimate_delay(far, mic, max_delay_ms=500.0, seconds=5.0):
     return int(np.argmax(r))
 
 
+def align_shift(bulk_delay, margin=0):
+    """The library's alignment rule (``kvaec_align_shift``): samples by which
+    a host delays the microphone relative to the far end (negative: delays the
+    far end by minus that many) so that an echo ``bulk_delay`` samples behind
+    the far end reaches the canceller ``ECHO_MIN_DELAY + margin`` samples after
+    the library's receive output."""
+    return int(load_library().kvaec_align_shift(int(bulk_delay), int(margin)))
+
+
+def echo_min_delay():
+    """``KVAEC_ECHO_MIN_DELAY``, samples: the least delay from the receive
+    output to its echo at the microphone input that the canceller models."""
+    return align_shift(0, 0) - RIN_DELAY
+
+
 def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nlp_param=None,
             equalizers=True):
     """Offline echo cancellation of a microphone recording made while ``far``
     played, both 1-D arrays at 16 kHz. Works like ``kvaec process``: all loss
-    on the send path (``MODE_SEND_ONLY_LOSS`` always set), the far end or the
-    microphone delayed so that the echo lands ``delay_margin_ms`` behind the
-    library's reference, outputs realigned.
+    on the send path (``MODE_SEND_ONLY_LOSS`` always set); the microphone (or
+    the far end) is delayed by the library's alignment rule (:func:`align_shift`)
+    so that the echo reaches the canceller ``delay_margin_ms`` beyond the least
+    delay after its receive output it needs (:func:`echo_min_delay`); outputs
+    realigned.
 
     ``delay``: "auto" (estimated) or milliseconds. Returns a dict with
     ``out`` (send signal aligned with ``mic``), ``played`` (receive output
-    aligned with ``far``), ``delay`` (bulk delay in samples) and ``resets``.
+    aligned with ``far``), ``delay`` (bulk delay in samples), ``shift``
+    (samples the microphone was delayed; negative: the far end) and ``resets``.
     """
     far = _as_signal(far, "far")
     mic = _as_signal(mic, "mic")
@@ -350,8 +371,8 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
         bulk = int(round(float(delay) * RATE / 1000))
         if bulk < 0:
             raise ValueError("delay must be 'auto' or a non-negative number of milliseconds")
-    s = bulk - RIN_DELAY - int(round(delay_margin_ms * RATE / 1000))
-    far_shift, mic_shift = max(s, 0), max(-s, 0)
+    shift = align_shift(bulk, int(round(delay_margin_ms * RATE / 1000)))
+    far_shift, mic_shift = max(-shift, 0), max(shift, 0)
     need = max(len(mic) + SIN_DELAY + mic_shift, len(far) + RIN_DELAY + far_shift)
     frames = -(-need // FRAME)
     fin = np.zeros(frames * FRAME, np.float32)
@@ -371,7 +392,7 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     pl = np.zeros(len(far), np.float32)
     src = played[RIN_DELAY + far_shift:]
     pl[: min(len(far), len(src))] = src[: len(far)]
-    return {"out": out, "played": pl, "delay": bulk, "resets": resets}
+    return {"out": out, "played": pl, "delay": bulk, "shift": shift, "resets": resets}
 
 
 def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode=0,

@@ -15,6 +15,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "kvaec.h"
+
 namespace {
 
 struct ToolRun {
@@ -150,8 +152,17 @@ TEST_F(Tool, ProcessEstimatesBulkDelayAndWritesOutputOfMicrophoneLength) {
     const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
     EXPECT_TRUE(has(r, "bulk delay:      50.00 ms (800 samples")) << r.out;
-    // 800 - 40 (receive delay) - 32 (2 ms margin): the far end is delayed.
-    EXPECT_TRUE(has(r, "far end delayed 728 samples, microphone delayed 0 samples")) << r.out;
+    // The echo must reach the canceller KVAEC_ECHO_MIN_DELAY + 32 (2 ms
+    // margin) samples after the receive output, which trails the far end by
+    // KVAEC_RCV_DELAY_SAMPLES: an echo 800 samples late leaves the far end
+    // to be delayed.
+    const int farShift = 800 - (KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES);
+    ASSERT_GT(farShift, 0);
+    EXPECT_TRUE(has(r, "far end delayed " + std::to_string(farShift) + " samples, microphone delayed 0 samples"))
+        << r.out;
+    EXPECT_TRUE(has(r, "the echo reaches the canceller " + std::to_string(KVAEC_ECHO_MIN_DELAY + 32) +
+                           " samples after the receive output"))
+        << r.out;
     EXPECT_TRUE(has(r, "real-time factor")) << r.out;
     EXPECT_TRUE(has(r, "ERLE:")) << r.out;
     const Wav o = readWav(p("out.wav"));
@@ -165,14 +176,28 @@ TEST_F(Tool, ProcessUsesGivenDelay) {
     const ToolRun r = kvaec("process -q --delay 20 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
     EXPECT_TRUE(has(r, "20.00 ms (320 samples, given)")) << r.out;
-    EXPECT_TRUE(has(r, "far end delayed 248 samples")) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed " +
+                           std::to_string(KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES - 320) + " samples"))
+        << r.out;
 }
 
-TEST_F(Tool, ProcessDelaysMicrophoneWhenEchoIsEarlierThanReceiveDelay) {
+TEST_F(Tool, ProcessDelaysMicrophoneWhenEchoComesSoonerThanTheCancellerNeeds) {
     makePair(0);
     const ToolRun r = kvaec("process -q --delay 0 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
-    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed 72 samples")) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed " +
+                           std::to_string(KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES) + " samples"))
+        << r.out;
+}
+
+TEST_F(Tool, ProcessDelayMarginAddsToTheLeastEchoDelay) {
+    makePair(800);
+    const ToolRun r = kvaec("process -q --delay-margin 5 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " +
+                            p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "the echo reaches the canceller " + std::to_string(KVAEC_ECHO_MIN_DELAY + 80) +
+                           " samples after the receive output"))
+        << r.out;
 }
 
 TEST_F(Tool, ProcessOutputsLineUpWithTheirRecordings) {

@@ -11,7 +11,7 @@ namespace kvaec::tool {
 struct ProcessArgs {
     std::string far, mic, out, farOut;
     std::string delay = "auto";   // "auto" or milliseconds
-    double delayMarginMs = 2.0;   // echo onset kept this far behind the reference
+    double delayMarginMs = 2.0;   // margin beyond KVAEC_ECHO_MIN_DELAY
     double maxDelayMs = 500.0;    // search range of the estimate
     double estimateSeconds = 5.0; // far-end activity analysed by the estimate
     int channel = 0;              // 1-based, 0 = not given

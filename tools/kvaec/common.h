@@ -13,9 +13,9 @@ namespace kvaec::tool {
 constexpr int kRate = KVAEC_SAMPLE_RATE;
 constexpr int kFrame = KVAEC_FRAME_SAMPLES;
 // Delay of the receive path through the library (samples).
-constexpr int kRinDelay = 40;
+constexpr int kRinDelay = KVAEC_RCV_DELAY_SAMPLES;
 // Delay of the send path through the library (samples).
-constexpr int kSinDelay = 120;
+constexpr int kSinDelay = KVAEC_SND_DELAY_SAMPLES;
 
 // Canceller settings: the configuration record, the mode word and the NLP value.
 struct Settings {

@@ -87,7 +87,9 @@ int main(int argc, char **argv) {
                      "bulk delay of the echo behind the far end: 'auto' (GCC-PHAT estimate on the first seconds with "
                      "far-end activity) or milliseconds")
         ->capture_default_str();
-    proc->add_option("--delay-margin", pa.delayMarginMs, "ms the echo onset is kept behind the echo reference")
+    proc->add_option("--delay-margin", pa.delayMarginMs, fmt("ms of margin beyond the least delay the canceller needs between its receive output and the echo "
+                         "(KVAEC_ECHO_MIN_DELAY, %d samples = %.1f ms)", KVAEC_ECHO_MIN_DELAY,
+                         1000.0 * KVAEC_ECHO_MIN_DELAY / KVAEC_SAMPLE_RATE))
         ->check(CLI::Range(0.0, 50.0))
         ->capture_default_str();
     proc->add_option("--max-delay", pa.maxDelayMs, "ms, search range of the delay estimate")
