@@ -395,13 +395,19 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     return {"out": out, "played": pl, "delay": bulk, "shift": shift, "resets": resets}
 
 
-def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode=0,
+def simulate(far, near=None, echo_path=None, latency_frames=2, config=None, mode=0,
              nonlinear=0.0, equalizers=True):
     """Closed loop: ``far`` goes through the canceller to the loudspeaker; the
     echo is ``echo_path`` (FIR, default a 0.5 tap 2 ms late) applied to what
     the library played, ``latency_frames`` whole frames later (at least one),
     optionally through a soft-clipping loudspeaker tanh(d x)/d; the microphone
     takes echo plus ``near``.
+
+    The echo's first arrival (first tap within 20 dB of the largest) should
+    come at least :func:`echo_min_delay` samples after the receive output:
+    the default (two frames, 352 samples with the default path) does; a
+    shorter loop gives a ``RuntimeWarning``, as the canceller misses the
+    early part of such an echo.
 
     Returns a dict of arrays: ``mic``, ``send``, ``played``, ``echo`` and a
     per-frame ``double_talk`` flag, plus ``resets``.
@@ -416,6 +422,13 @@ def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode
     if echo_path is None:
         h[32] = 0.5
     lat = max(1, int(latency_frames)) * FRAME
+    peak = np.max(np.abs(h)) if len(h) else 0.0
+    first = int(np.argmax(np.abs(h) >= 0.1 * peak)) if peak > 0 else 0
+    if lat + first < echo_min_delay():
+        import warnings
+        warnings.warn(f"the echo reaches the microphone {lat + first} samples after the receive output, less "
+                      f"than the {echo_min_delay()} the canceller needs: its early part is not cancelled "
+                      "(raise latency_frames)", RuntimeWarning, stacklevel=2)
     hist = np.zeros(lat + len(h) + n, np.float64)  # played (through the loudspeaker), with lead-in
     out = {k: np.zeros(n, np.float32) for k in ("mic", "send", "played", "echo")}
     dt = np.zeros(n // FRAME, np.int32)

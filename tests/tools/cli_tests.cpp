@@ -379,6 +379,20 @@ TEST_F(Tool, SimulateWritesEveryOutputAndFigures) {
     EXPECT_EQ(listDir(p("sim")).size(), 7u);
 }
 
+TEST_F(Tool, SimulateDefaultEchoTrailsTheOutputEnoughAndShortLatencyWarns) {
+    const ToolRun d = kvaec("simulate -q --no-plot --no-espeak --duration 1 -o " + p("sim"));
+    ASSERT_EQ(d.code, 0) << d.out;
+    EXPECT_TRUE(has(d, "echo delay:")) << d.out;
+    EXPECT_FALSE(has(d, "warning")) << d.out;
+    const size_t at = d.out.find("echo delay:");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_GE(std::atol(d.out.c_str() + at + 11), KVAEC_ECHO_MIN_DELAY) << d.out;
+    const ToolRun s = kvaec("simulate -q --no-plot --no-espeak --duration 1 --latency 10 -o " + p("sim10"));
+    ASSERT_EQ(s.code, 0) << s.out;
+    EXPECT_TRUE(has(s, "warning: the echo reaches the microphone")) << s.out;
+    EXPECT_TRUE(has(s, "KVAEC_ECHO_MIN_DELAY")) << s.out;
+}
+
 TEST_F(Tool, SimulateWithBuiltinSpeechSaysSo) {
     const ToolRun r = kvaec("simulate -q --no-plot --no-espeak --duration 2 -o " + p("sim"));
     ASSERT_EQ(r.code, 0) << r.out;

@@ -131,3 +131,15 @@ def test_process_aligns_by_the_library_rule(bulk):
     # after the realignment it lines up with the microphone.
     k = int(np.argmax(np.correlate(r["out"][2000:14000], mic[2000:14000], "full"))) - (12000 - 1)
     assert k == 0
+
+
+def test_simulate_warns_when_the_echo_comes_sooner_than_the_canceller_needs():
+    far = noise(12, 1600)
+    h = np.zeros(33)
+    h[32] = 0.5
+    with pytest.warns(RuntimeWarning, match="after the receive output"):
+        kvaec.simulate(far, echo_path=h, latency_frames=1)
+    import warnings
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        kvaec.simulate(far, echo_path=h)  # default: two frames, 352 samples

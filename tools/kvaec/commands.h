@@ -26,7 +26,7 @@ struct SimulateArgs {
     std::string far, near, rir;
     std::string room, micPos, spkPos;
     double rt60 = 0.3;
-    double latencyMs = 10.0;
+    double latencyMs = 20.0;      // with the room's flight time, beyond KVAEC_ECHO_MIN_DELAY
     std::string noise;            // "", white, pink, babble or a file
     double snrDb = 30.0;
     bool snrGiven = false;

@@ -111,7 +111,9 @@ int main(int argc, char **argv) {
     sim->add_option("--rt60", sa.rt60, "reverberation time, s")->capture_default_str();
     sim->add_option("--mic-pos", sa.micPos, "microphone position X,Y,Z, m (default 2,2,1.2)");
     sim->add_option("--spk-pos", sa.spkPos, "loudspeaker position X,Y,Z, m (default 2.3,2.1,1.2)");
-    sim->add_option("--latency", sa.latencyMs, "playback latency before the echo path, ms (at least 10)")->capture_default_str();
+    sim->add_option("--latency", sa.latencyMs, fmt("playback latency before the echo path, ms (at least 10; below %.1f ms minus the flight time the echo "
+                         "comes sooner than the canceller needs, and a warning says so)",
+                         1000.0 * KVAEC_ECHO_MIN_DELAY / KVAEC_SAMPLE_RATE))->capture_default_str();
     sim->add_option("--noise", sa.noise, "microphone noise: white, pink, babble or a WAV file");
     sim->add_option_function<double>(
         "--snr", [&sa](const double &v) { sa.snrDb = v; sa.snrGiven = true; },
