@@ -287,15 +287,29 @@ TEST_F(Tool, ProcessFailsClearlyOnNonAudioFile) {
 
 TEST_F(Tool, ProcessFailsBeforeWorkWhenOutputIsNotWritable) {
     makePair();
-    ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("no/such/dir/out.wav"));
+    ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("far.wav/dir/out.wav"));
     EXPECT_EQ(r.code, 1);
-    EXPECT_TRUE(has(r, "cannot write '" + p("no/such/dir/out.wav") + "'")) << r.out;
+    EXPECT_TRUE(has(r, "cannot write '" + p("far.wav/dir/out.wav") + "'")) << r.out;
     // One good and one bad output: neither appears.
     r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav") + " --far-out " + dir);
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(has(r, "is a directory")) << r.out;
     EXPECT_FALSE(exists(p("out.wav")));
     EXPECT_EQ(listDir(dir).size(), 2u);
+}
+
+TEST_F(Tool, OutputOptionsCreateMissingDirectoriesAndAFailedRunLeavesNone) {
+    makePair();
+    ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("new/sub/out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(exists(p("new/sub/out.wav")));
+    r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("other/out.wav") +
+              " --far-out " + dir);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_FALSE(exists(p("other"))) << r.out;
+    r = kvaec("simulate -q --no-plot --no-espeak --duration 1 -o " + p("runs/first"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(exists(p("runs/first/send.wav")));
 }
 
 TEST_F(Tool, FailedRunLeavesExistingOutputUntouched) {

@@ -62,8 +62,9 @@ public:
     OutputSet &operator=(const OutputSet &) = delete;
     ~OutputSet();
 
-    // Reserves `path` (throws ToolError when its directory is not writable).
-    // Returns the index to pass to the write functions.
+    // Reserves `path`, creating its missing parent directories (throws
+    // ToolError when that fails or the directory is not writable). Returns
+    // the index to pass to the write functions.
     int add(const std::string &path);
     // Writes a mono WAV (32-bit float, or 16-bit PCM) to the temporary file.
     void writeWav(int index, const std::vector<float> &x, int rate, bool pcm16 = false);
@@ -82,13 +83,15 @@ private:
         bool written = false;
     };
     std::vector<Item> items_;
+    std::vector<std::string> createdDirs_;  // made by add(), removed again unless committed
     bool committed_ = false;
 };
 
 // Writes a mono WAV atomically (temporary file in the same directory, then rename).
 void writeWavAtomic(const std::string &path, const std::vector<float> &x, int rate, bool pcm16 = false);
 
-// Creates `dir` (one level, or it exists) and checks it is a writable directory.
+// When `dir` exists, checks that it is a writable directory (a missing one is
+// created by OutputSet::add, and removed again if the run fails).
 void ensureDirectory(const std::string &dir);
 
 }  // namespace kvaec::tool

@@ -81,7 +81,7 @@ int main(int argc, char **argv) {
     CLI::App *proc = app.add_subcommand("process", "cancel the echo in a microphone recording made while the far-end recording played");
     proc->add_option("--far", pa.far, "far-end (loudspeaker) recording")->required();
     proc->add_option("--mic", pa.mic, "microphone recording")->required();
-    proc->add_option("-o,--out", pa.out, "output: the send signal, aligned with the microphone recording")->required();
+    proc->add_option("-o,--out", pa.out, "output: the send signal, aligned with the microphone recording (missing directories are created)")->required();
     proc->add_option("--far-out", pa.farOut, "also write the receive output (what the library would play), aligned with FAR");
     proc->add_option("--delay", pa.delay,
                      "bulk delay of the echo behind the far end: 'auto' (GCC-PHAT estimate on the first seconds with "
@@ -103,7 +103,7 @@ int main(int argc, char **argv) {
 
     SimulateArgs sa;
     CLI::App *sim = app.add_subcommand("simulate", "run the canceller in a simulated closed loop (echo made from what the library played)");
-    sim->add_option("-o,--out-dir", sa.dir, "output directory (created if missing)")->capture_default_str();
+    sim->add_option("-o,--out-dir", sa.dir, "output directory (created with its parents if missing)")->capture_default_str();
     sim->add_option("--far", sa.far, "far-end signal (default: speech by espeak-ng, else a built-in speech-like signal)");
     sim->add_option("--near", sa.near, "near-end signal at the microphone (default: a talker during the double-talk part)");
     sim->add_option("--rir", sa.rir, "loudspeaker-to-microphone impulse response (WAV) instead of the room model");
