@@ -9,8 +9,10 @@ live :class:`Canceller` at a time; creating a second one raises
 
 Where the library is looked for, in this order:
   1. the environment variable ``KVAEC_LIB`` (path of libkvaec.so);
-  2. ``libkvaec.so`` next to this package (``python/kvaec/``);
-  3. the build directories ``build*/`` of the source tree.
+  2. the installed library: ``ctypes.util.find_library("kvaec")`` (the
+     linker's search path), then the ``libdir`` pkg-config gives for
+     ``kvaec`` (set ``PKG_CONFIG_PATH`` for a private prefix);
+  3. the build directories ``build*/`` of the source tree this package sits in.
 
 Example::
 
@@ -20,17 +22,25 @@ Example::
         send, played = c.process_frame(rin_frame, sin_frame)
 """
 import ctypes
+import ctypes.util
 import glob
 import os
+import subprocess
+from typing import Dict, Iterator, List, Optional, Sequence, Tuple, Union
 
 import numpy as np
+
+from ._version import __version__
 
 __all__ = [
     "Config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
     "align_shift", "echo_min_delay",
-    "load_library", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
+    "load_library", "library_path", "__version__", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
     "MODE_NO_NLP", "MODE_NO_NR", "MODE_NO_HIPASS", "MODE_LOOPBACK",
 ]
+
+# A signal: a 1-D numpy array (converted to float32) or a sequence of floats.
+ArrayLike = Union[np.ndarray, Sequence[float]]
 
 FRAME = 160          # samples per frame (10 ms)
 RATE = 16000         # sample rate, Hz
@@ -87,7 +97,7 @@ class Config:
     Unnamed fields take the library's defaults (``AEC_DefaultCfg``).
     """
 
-    def __init__(self, **fields):
+    def __init__(self, **fields: float) -> None:
         d = _default_cfg()
         for name in _CFG_FIELDS:
             setattr(self, name, getattr(d, name))
@@ -121,34 +131,75 @@ class Config:
 
 
 _lib = None
+_lib_path = None
 
 
-def _candidates():
+def _source_tree_builds() -> List[str]:
+    here = os.path.dirname(os.path.abspath(__file__))
+    root = os.path.dirname(os.path.dirname(here))
+    if not os.path.exists(os.path.join(root, "include", "kvaec.h")):
+        return []  # an installed package: no source tree around it
+    return sorted(glob.glob(os.path.join(root, "build*", "libkvaec.so")))
+
+
+def _pkg_config_libdir() -> Optional[str]:
+    try:
+        p = subprocess.run(["pkg-config", "--variable=libdir", "kvaec"], capture_output=True, text=True,
+                           timeout=10)
+    except (OSError, subprocess.SubprocessError):
+        return None
+    d = p.stdout.strip()
+    return d if p.returncode == 0 and d else None
+
+
+def _candidates() -> Iterator[Tuple[str, str]]:
+    """(how it was found, path or name for ctypes), in the order of lookup."""
     env = os.environ.get("KVAEC_LIB")
     if env:
-        yield env
+        yield "KVAEC_LIB", env
         return
-    here = os.path.dirname(os.path.abspath(__file__))
-    yield os.path.join(here, "libkvaec.so")
-    root = os.path.dirname(os.path.dirname(here))
-    for p in sorted(glob.glob(os.path.join(root, "build*", "libkvaec.so"))):
-        yield p
+    name = ctypes.util.find_library("kvaec")
+    if name:
+        yield "ctypes.util.find_library", name
+    libdir = _pkg_config_libdir()
+    if libdir:
+        for n in ("libkvaec.so", "libkvaec.so.%s" % __version__.split(".")[0]):
+            yield "pkg-config libdir", os.path.join(libdir, n)
+    for p in _source_tree_builds():
+        yield "source tree build", p
 
 
-def load_library():
-    """Loads libkvaec once and returns the ctypes handle."""
-    global _lib
+def library_path() -> str:
+    """Path (or linker name) of the libkvaec loaded, loading it if needed."""
+    load_library()
+    return _lib_path
+
+
+def load_library() -> ctypes.CDLL:
+    """Loads libkvaec once and returns the ctypes handle. Raises OSError,
+    saying what was tried and how to point at the library, when none is found."""
+    global _lib, _lib_path
     if _lib is not None:
         return _lib
     tried = []
-    for path in _candidates():
-        tried.append(path)
-        if os.path.exists(path):
+    lib = None
+    for how, path in _candidates():
+        if os.sep in path and not os.path.exists(path):
+            tried.append(f"{path} ({how}: no such file)")
+            continue
+        try:
             lib = ctypes.CDLL(path)
-            break
-    else:
-        raise OSError("libkvaec.so not found (tried: " + ", ".join(tried) +
-                      "); build the library or set KVAEC_LIB to its path")
+        except OSError as e:
+            tried.append(f"{path} ({how}: {e})")
+            continue
+        _lib_path = path
+        break
+    if lib is None:
+        raise OSError(
+            "libkvaec.so not found" + (" (tried: " + "; ".join(tried) + ")" if tried else "") + ". "
+            "Install the C library (in the source tree: cmake -S . -B build && cmake --build build && "
+            "cmake --install build --prefix PREFIX), then either set KVAEC_LIB=/path/to/libkvaec.so, "
+            "or set PKG_CONFIG_PATH=PREFIX/lib/pkgconfig (or install to a prefix the linker searches).")
     fp = ctypes.POINTER(ctypes.c_float)
     lib.aecx_init.argtypes = [ctypes.POINTER(_Cfg)]
     lib.aecx_init.restype = None
@@ -182,7 +233,8 @@ class Canceller:
     call :meth:`close`; only one Canceller may be live at a time.
     """
 
-    def __init__(self, config=None, mode=0, nlp_param=None, equalizers=True):
+    def __init__(self, config: Optional["Config"] = None, mode: int = 0, nlp_param: Optional[float] = None,
+                 equalizers: bool = True) -> None:
         global _live
         if _live is not None:
             raise CancellerBusyError(
@@ -210,7 +262,7 @@ class Canceller:
     def __exit__(self, *exc):
         self.close()
 
-    def close(self):
+    def close(self) -> None:
         global _live
         if not self._closed:
             self._closed = True
@@ -237,27 +289,27 @@ class Canceller:
         self._mode = int(value) & ~0xF
         self._lib.aecx_control(self._mode, None, 0.0)
 
-    def load_config(self, config):
+    def load_config(self, config: "Config") -> None:
         """Loads a configuration (takes effect at the next frame)."""
         self._check()
         self.config = config
         cfg = config._to_c()
         self._lib.aecx_control(CMD_LOAD_CFG | self._mode, ctypes.byref(cfg), 0.0)
 
-    def active_config(self):
+    def active_config(self) -> "Config":
         """The configuration record in force inside the library."""
         self._check()
         return Config._from_c(self._db.tCfg)
 
-    def reset(self, keep_filters=False):
+    def reset(self, keep_filters: bool = False) -> None:
         self._check()
         self._lib.aecx_control(CMD_RESET | (CMD_KEEP_FILTERS if keep_filters else 0) | self._mode, None, 0.0)
 
-    def bist(self):
+    def bist(self) -> int:
         self._check()
         return int(self._lib.aecx_bist())
 
-    def state(self):
+    def state(self) -> Dict[str, float]:
         """A few per-frame figures of the instance (double talk, alarms, adaptation)."""
         self._check()
         w = self._db.words
@@ -265,8 +317,11 @@ class Canceller:
         return {"double_talk": int(ctypes.c_int32(w[_W_DOUBLE_TALK]).value), "epc_db": f(_W_EPC_DB),
                 "td_alarm_db": f(_W_TD_ALARM_DB), "adapt_time": f(_W_ADAPT_TIME), "mode": int(w[_W_FLAGS])}
 
-    def process_frame(self, rin, sin):
-        """Processes one frame (160 samples per path); returns (send, played).
+    def process_frame(self, rin: ArrayLike, sin: ArrayLike) -> Tuple[np.ndarray, np.ndarray]:
+        """Processes one 10 ms frame: ``rin`` 160 receive (loudspeaker) samples,
+        ``sin`` 160 microphone samples, float, full scale 1.0. Returns (send,
+        played): the send frame (120 samples of delay) and the receive frame to
+        play (40 samples of delay), float32.
 
         Runs the microphone equalizer before and the loudspeaker equalizer
         after the canceller when ``equalizers`` is true. Non-finite outputs
@@ -307,9 +362,12 @@ def _as_signal(x, name):
     return a
 
 
-def estimate_delay(far, mic, max_delay_ms=500.0, seconds=5.0):
-    """Bulk delay (samples) of the echo in ``mic`` behind ``far``, by GCC-PHAT on
-    the first ``seconds`` with far-end activity; None when the far end is silent."""
+def estimate_delay(far: ArrayLike, mic: ArrayLike, max_delay_ms: float = 500.0,
+                   seconds: float = 5.0) -> Optional[int]:
+    """Bulk delay, in samples at 16 kHz, of the echo in ``mic`` behind ``far``
+    (both 1-D, 16 kHz), by GCC-PHAT on the first ``seconds`` (s) with far-end
+    activity, searched over 0..``max_delay_ms`` (ms); None when the far end is
+    silent."""
     far = _as_signal(far, "far").astype(np.float64)
     mic = _as_signal(mic, "mic").astype(np.float64)
     n = len(far) // FRAME
@@ -332,7 +390,7 @@ def estimate_delay(far, mic, max_delay_ms=500.0, seconds=5.0):
     return int(np.argmax(r))
 
 
-def align_shift(bulk_delay, margin=0):
+def align_shift(bulk_delay: int, margin: int = 0) -> int:
     """The library's alignment rule (``kvaec_align_shift``): samples by which
     a host delays the microphone relative to the far end (negative: delays the
     far end by minus that many) so that an echo ``bulk_delay`` samples behind
@@ -341,14 +399,15 @@ def align_shift(bulk_delay, margin=0):
     return int(load_library().kvaec_align_shift(int(bulk_delay), int(margin)))
 
 
-def echo_min_delay():
+def echo_min_delay() -> int:
     """``KVAEC_ECHO_MIN_DELAY``, samples: the least delay from the receive
     output to its echo at the microphone input that the canceller models."""
     return align_shift(0, 0) - RIN_DELAY
 
 
-def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nlp_param=None,
-            equalizers=True):
+def process(far: ArrayLike, mic: ArrayLike, config: Optional["Config"] = None, mode: int = 0,
+            delay: Union[str, float] = "auto", delay_margin_ms: float = 2.0, nlp_param: Optional[float] = None,
+            equalizers: bool = True) -> Dict[str, object]:
     """Offline echo cancellation of a microphone recording made while ``far``
     played, both 1-D arrays at 16 kHz. Works like ``kvaec process``: all loss
     on the send path (``MODE_SEND_ONLY_LOSS`` always set); the microphone (or
@@ -357,10 +416,19 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     delay after its receive output it needs (:func:`echo_min_delay`); outputs
     realigned.
 
-    ``delay``: "auto" (estimated) or milliseconds. Returns a dict with
-    ``out`` (send signal aligned with ``mic``), ``played`` (receive output
-    aligned with ``far``), ``delay`` (bulk delay in samples), ``shift``
-    (samples the microphone was delayed; negative: the far end) and ``resets``.
+    ``far``, ``mic``: 1-D signals at 16 kHz, float, full scale 1.0.
+    ``config``: :class:`Config` (None: the library defaults). ``mode``: mode
+    word (``MODE_*`` bits). ``delay``: "auto" (estimated by
+    :func:`estimate_delay`) or the bulk delay of the echo behind the far end
+    in milliseconds. ``delay_margin_ms``: ms beyond the least echo delay.
+    ``nlp_param``: NLP value in dB (None: not set). ``equalizers``: run the
+    profile equalizers around the canceller.
+
+    Returns a dict with ``out`` (send signal aligned with ``mic``, float32),
+    ``played`` (receive output aligned with ``far``), ``delay`` (bulk delay,
+    samples), ``shift`` (samples the microphone was delayed; negative: the
+    far end) and ``resets`` (list of (frame, non-finite samples, self-test
+    count)).
     """
     far = _as_signal(far, "far")
     mic = _as_signal(mic, "mic")
@@ -395,8 +463,9 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     return {"out": out, "played": pl, "delay": bulk, "shift": shift, "resets": resets}
 
 
-def simulate(far, near=None, echo_path=None, latency_frames=2, config=None, mode=0,
-             nonlinear=0.0, equalizers=True):
+def simulate(far: ArrayLike, near: Optional[ArrayLike] = None, echo_path: Optional[ArrayLike] = None,
+             latency_frames: int = 2, config: Optional["Config"] = None, mode: int = 0,
+             nonlinear: float = 0.0, equalizers: bool = True) -> Dict[str, object]:
     """Closed loop: ``far`` goes through the canceller to the loudspeaker; the
     echo is ``echo_path`` (FIR, default a 0.5 tap 2 ms late) applied to what
     the library played, ``latency_frames`` whole frames later (at least one),
