@@ -134,12 +134,12 @@ _lib = None
 _lib_path = None
 
 
-def _source_tree_builds() -> List[str]:
+def _source_tree_builds(name: str = "kvaec") -> List[str]:
     here = os.path.dirname(os.path.abspath(__file__))
     root = os.path.dirname(os.path.dirname(here))
     if not os.path.exists(os.path.join(root, "include", "kvaec.h")):
         return []  # an installed package: no source tree around it
-    return sorted(glob.glob(os.path.join(root, "build*", "libkvaec.so")))
+    return sorted(glob.glob(os.path.join(root, "build*", "lib%s.so" % name)))
 
 
 def _pkg_config_libdir() -> Optional[str]:
@@ -152,21 +152,42 @@ def _pkg_config_libdir() -> Optional[str]:
     return d if p.returncode == 0 and d else None
 
 
-def _candidates() -> Iterator[Tuple[str, str]]:
-    """(how it was found, path or name for ctypes), in the order of lookup."""
-    env = os.environ.get("KVAEC_LIB")
+def _candidates(name: str = "kvaec", env_var: str = "KVAEC_LIB") -> Iterator[Tuple[str, str]]:
+    """(how it was found, path or name for ctypes) of the library lib``name``,
+    in the order of lookup: the environment variable, the installed library
+    (linker path, then pkg-config's libdir of kvaec), the source tree."""
+    env = os.environ.get(env_var)
     if env:
-        yield "KVAEC_LIB", env
+        yield env_var, env
         return
-    name = ctypes.util.find_library("kvaec")
-    if name:
-        yield "ctypes.util.find_library", name
+    found = ctypes.util.find_library(name)
+    if found:
+        yield "ctypes.util.find_library", found
     libdir = _pkg_config_libdir()
     if libdir:
-        for n in ("libkvaec.so", "libkvaec.so.%s" % __version__.split(".")[0]):
+        for n in ("lib%s.so" % name, "lib%s.so.%s" % (name, __version__.split(".")[0])):
             yield "pkg-config libdir", os.path.join(libdir, n)
-    for p in _source_tree_builds():
+    for p in _source_tree_builds(name):
         yield "source tree build", p
+
+
+def _open_library(name: str = "kvaec", env_var: str = "KVAEC_LIB") -> Tuple[ctypes.CDLL, str]:
+    """Opens lib``name`` by the lookup order of :func:`_candidates`; raises
+    OSError saying what was tried and how to point at the library."""
+    tried = []
+    for how, path in _candidates(name, env_var):
+        if os.sep in path and not os.path.exists(path):
+            tried.append(f"{path} ({how}: no such file)")
+            continue
+        try:
+            return ctypes.CDLL(path), path
+        except OSError as e:
+            tried.append(f"{path} ({how}: {e})")
+    raise OSError(
+        f"lib{name}.so not found" + (" (tried: " + "; ".join(tried) + ")" if tried else "") + ". "
+        "Install the C library (in the source tree: cmake -S . -B build && cmake --build build && "
+        f"cmake --install build --prefix PREFIX), then either set {env_var}=/path/to/lib{name}.so, "
+        "or set PKG_CONFIG_PATH=PREFIX/lib/pkgconfig (or install to a prefix the linker searches).")
 
 
 def library_path() -> str:
@@ -181,25 +202,7 @@ def load_library() -> ctypes.CDLL:
     global _lib, _lib_path
     if _lib is not None:
         return _lib
-    tried = []
-    lib = None
-    for how, path in _candidates():
-        if os.sep in path and not os.path.exists(path):
-            tried.append(f"{path} ({how}: no such file)")
-            continue
-        try:
-            lib = ctypes.CDLL(path)
-        except OSError as e:
-            tried.append(f"{path} ({how}: {e})")
-            continue
-        _lib_path = path
-        break
-    if lib is None:
-        raise OSError(
-            "libkvaec.so not found" + (" (tried: " + "; ".join(tried) + ")" if tried else "") + ". "
-            "Install the C library (in the source tree: cmake -S . -B build && cmake --build build && "
-            "cmake --install build --prefix PREFIX), then either set KVAEC_LIB=/path/to/libkvaec.so, "
-            "or set PKG_CONFIG_PATH=PREFIX/lib/pkgconfig (or install to a prefix the linker searches).")
+    lib, _lib_path = _open_library()
     fp = ctypes.POINTER(ctypes.c_float)
     lib.aecx_init.argtypes = [ctypes.POINTER(_Cfg)]
     lib.aecx_init.restype = None
