@@ -51,7 +51,9 @@ TEST(EchoDelay, SweepAfterTheReceiveOutput) {
     for (size_t i = 0; i < delays.size(); ++i) {
         if (delays[i] == KVAEC_ECHO_MIN_DELAY) at = erle[i];
         // From the minimum on, every delay keeps the figure of an ample delay.
-        if (delays[i] >= KVAEC_ECHO_MIN_DELAY) EXPECT_NEAR(erle[i], ample, 1.0) << "delay " << delays[i];
+        if (delays[i] >= KVAEC_ECHO_MIN_DELAY) {
+            EXPECT_NEAR(erle[i], ample, 1.0) << "delay " << delays[i];
+        }
     }
     std::printf("at KVAEC_ECHO_MIN_DELAY (%d): %.1f dB; at 960: %.1f dB\n", KVAEC_ECHO_MIN_DELAY, at, ample);
     // One frame after the output the echo's onset falls before the first
