@@ -18,6 +18,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "kvaec.h"
+
 namespace {
 
 struct ToolRun {
@@ -166,8 +168,17 @@ TEST_F(Tool, ProcessEstimatesBulkDelayAndWritesOutputOfMicrophoneLength) {
     const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
     EXPECT_TRUE(has(r, "bulk delay:      50.00 ms (800 samples")) << r.out;
-    // 800 - 40 (receive delay) - 32 (2 ms margin): the far end is delayed.
-    EXPECT_TRUE(has(r, "far end delayed 728 samples, microphone delayed 0 samples")) << r.out;
+    // The echo must reach the canceller KVAEC_ECHO_MIN_DELAY + 32 (2 ms
+    // margin) samples after the receive output, which trails the far end by
+    // KVAEC_RCV_DELAY_SAMPLES: an echo 800 samples late leaves the far end
+    // to be delayed.
+    const int farShift = 800 - (KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES);
+    ASSERT_GT(farShift, 0);
+    EXPECT_TRUE(has(r, "far end delayed " + std::to_string(farShift) + " samples, microphone delayed 0 samples"))
+        << r.out;
+    EXPECT_TRUE(has(r, "the echo reaches the canceller " + std::to_string(KVAEC_ECHO_MIN_DELAY + 32) +
+                           " samples after the receive output"))
+        << r.out;
     EXPECT_TRUE(has(r, "real-time factor")) << r.out;
     EXPECT_TRUE(has(r, "ERLE:")) << r.out;
     const Wav o = readWav(p("out.wav"));
@@ -181,14 +192,28 @@ TEST_F(Tool, ProcessUsesGivenDelay) {
     const ToolRun r = kvaec("process -q --delay 20 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
     EXPECT_TRUE(has(r, "20.00 ms (320 samples, given)")) << r.out;
-    EXPECT_TRUE(has(r, "far end delayed 248 samples")) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed " +
+                           std::to_string(KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES - 320) + " samples"))
+        << r.out;
 }
 
-TEST_F(Tool, ProcessDelaysMicrophoneWhenEchoIsEarlierThanReceiveDelay) {
+TEST_F(Tool, ProcessDelaysMicrophoneWhenEchoComesSoonerThanTheCancellerNeeds) {
     makePair(0);
     const ToolRun r = kvaec("process -q --delay 0 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
-    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed 72 samples")) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed " +
+                           std::to_string(KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES) + " samples"))
+        << r.out;
+}
+
+TEST_F(Tool, ProcessDelayMarginAddsToTheLeastEchoDelay) {
+    makePair(800);
+    const ToolRun r = kvaec("process -q --delay-margin 5 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " +
+                            p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "the echo reaches the canceller " + std::to_string(KVAEC_ECHO_MIN_DELAY + 80) +
+                           " samples after the receive output"))
+        << r.out;
 }
 
 TEST_F(Tool, ProcessOutputsLineUpWithTheirRecordings) {
@@ -278,15 +303,29 @@ TEST_F(Tool, ProcessFailsClearlyOnNonAudioFile) {
 
 TEST_F(Tool, ProcessFailsBeforeWorkWhenOutputIsNotWritable) {
     makePair();
-    ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("no/such/dir/out.wav"));
+    ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("far.wav/dir/out.wav"));
     EXPECT_EQ(r.code, 1);
-    EXPECT_TRUE(has(r, "cannot write '" + p("no/such/dir/out.wav") + "'")) << r.out;
+    EXPECT_TRUE(has(r, "cannot write '" + p("far.wav/dir/out.wav") + "'")) << r.out;
     // One good and one bad output: neither appears.
     r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav") + " --far-out " + dir);
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(has(r, "is a directory")) << r.out;
     EXPECT_FALSE(exists(p("out.wav")));
     EXPECT_EQ(listDir(dir).size(), 2u);
+}
+
+TEST_F(Tool, OutputOptionsCreateMissingDirectoriesAndAFailedRunLeavesNone) {
+    makePair();
+    ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("new/sub/out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(exists(p("new/sub/out.wav")));
+    r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("other/out.wav") +
+              " --far-out " + dir);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_FALSE(exists(p("other"))) << r.out;
+    r = kvaec("simulate -q --no-plot --no-espeak --duration 1 -o " + p("runs/first"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(exists(p("runs/first/send.wav")));
 }
 
 TEST_F(Tool, FailedRunLeavesExistingOutputUntouched) {
@@ -366,6 +405,20 @@ TEST_F(Tool, SimulateWritesEveryOutputAndFigures) {
     for (const char *s : {"ERLE over time", "total echo loss:", "double talk:", "health: no failures", "plot:             skipped (--no-plot)"})
         EXPECT_TRUE(has(r, s)) << s << "\n" << r.out;
     EXPECT_EQ(listDir(p("sim")).size(), 7u);
+}
+
+TEST_F(Tool, SimulateDefaultEchoTrailsTheOutputEnoughAndShortLatencyWarns) {
+    const ToolRun d = kvaec("simulate -q --no-plot --no-espeak --duration 1 -o " + p("sim"));
+    ASSERT_EQ(d.code, 0) << d.out;
+    EXPECT_TRUE(has(d, "echo delay:")) << d.out;
+    EXPECT_FALSE(has(d, "warning")) << d.out;
+    const size_t at = d.out.find("echo delay:");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_GE(std::atol(d.out.c_str() + at + 11), KVAEC_ECHO_MIN_DELAY) << d.out;
+    const ToolRun s = kvaec("simulate -q --no-plot --no-espeak --duration 1 --latency 10 -o " + p("sim10"));
+    ASSERT_EQ(s.code, 0) << s.out;
+    EXPECT_TRUE(has(s, "warning: the echo reaches the microphone")) << s.out;
+    EXPECT_TRUE(has(s, "KVAEC_ECHO_MIN_DELAY")) << s.out;
 }
 
 TEST_F(Tool, SimulateWithBuiltinSpeechSaysSo) {

@@ -315,9 +315,37 @@ TEST(AudioFiles, OutputAppearsOnlyOnCommit) {
     removeTree(d);
 }
 
-TEST(AudioFiles, OutputInMissingDirectoryFailsAtOnce) {
+TEST(AudioFiles, OutputUnderARegularFileFailsAtOnce) {
+    char t[] = "/tmp/kvaec-outtest-XXXXXX";
+    ASSERT_NE(::mkdtemp(t), nullptr);
+    const std::string d = t, file = d + "/plain";
+    std::FILE *f = std::fopen(file.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fclose(f);
     OutputSet o;
-    EXPECT_THROW(o.add("/nonexistent-kvaec-dir/x.wav"), ToolError);
+    EXPECT_THROW(o.add(file + "/sub/x.wav"), ToolError);
+    std::system(("rm -rf '" + d + "'").c_str());
+}
+
+TEST(AudioFiles, MissingDirectoriesAreCreatedAndRemovedAgainWithoutCommit) {
+    char t[] = "/tmp/kvaec-outtest-XXXXXX";
+    ASSERT_NE(::mkdtemp(t), nullptr);
+    const std::string d = t;
+    struct stat st {};
+    {
+        OutputSet o;
+        o.add(d + "/a/b/x.wav");
+        EXPECT_EQ(::stat((d + "/a/b").c_str(), &st), 0);
+    }
+    EXPECT_NE(::stat((d + "/a").c_str(), &st), 0);  // not committed: nothing left
+    {
+        OutputSet o;
+        const int i = o.add(d + "/a/b/x.wav");
+        o.writeText(i, "x");
+        o.commit();
+    }
+    EXPECT_EQ(::stat((d + "/a/b/x.wav").c_str(), &st), 0);
+    std::system(("rm -rf '" + d + "'").c_str());
 }
 
 TEST(AudioFiles, MissingAndNonAudioFilesGiveClearErrors) {

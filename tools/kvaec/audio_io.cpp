@@ -300,7 +300,31 @@ OutputSet::~OutputSet() {
             ::unlink(it.temp.c_str());
             unregisterTemp(it.temp);
         }
+    for (auto d = createdDirs_.rbegin(); d != createdDirs_.rend(); ++d) ::rmdir(d->c_str());
 }
+
+namespace {
+
+// Creates the missing directories of `dir`, outermost first, and appends
+// each one made to `created`.
+void makeDirectories(const std::string &dir, const std::string &named, std::vector<std::string> &created) {
+    std::string sofar;
+    size_t pos = 0;
+    while (pos <= dir.size()) {
+        const size_t next = dir.find('/', pos);
+        sofar = dir.substr(0, next == std::string::npos ? dir.size() : next);
+        pos = next == std::string::npos ? dir.size() + 1 : next + 1;
+        if (sofar.empty()) continue;
+        struct stat st {};
+        if (::stat(sofar.c_str(), &st) == 0) continue;
+        if (::mkdir(sofar.c_str(), 0777) != 0 && errno != EEXIST)
+            throw ToolError("cannot write " + named + ": cannot create directory '" + sofar + "': " +
+                            std::strerror(errno));
+        created.push_back(sofar);
+    }
+}
+
+}  // namespace
 
 void OutputSet::protectInput(const std::string &path, const std::string &what) {
     Input in{path, what, fileId(path)};
@@ -344,6 +368,7 @@ int OutputSet::add(const std::string &path, const std::string &what) {
         item.fd = fd;
         tmpl = tempDirectory() + "/kvaec-" + baseOf(path) + ".XXXXXX";
     } else {
+        makeDirectories(dir, named, createdDirs_);
         struct stat st {};
         if (::stat(dir.c_str(), &st) != 0)
             throw ToolError("cannot write " + named + ": directory '" + dir + "': " + std::strerror(errno));
@@ -470,11 +495,7 @@ void writeWavAtomic(const std::string &path, const std::vector<float> &x, int ra
 
 void ensureDirectory(const std::string &dir) {
     struct stat st {};
-    if (::stat(dir.c_str(), &st) != 0) {
-        if (::mkdir(dir.c_str(), 0777) != 0)
-            throw ToolError("cannot create output directory '" + dir + "': " + std::strerror(errno));
-        return;
-    }
+    if (::stat(dir.c_str(), &st) != 0) return;
     if (!S_ISDIR(st.st_mode)) throw ToolError("'" + dir + "' exists and is not a directory");
     if (::access(dir.c_str(), W_OK) != 0)
         throw ToolError("output directory '" + dir + "' is not writable: " + std::strerror(errno));
