@@ -42,11 +42,14 @@ const char *kindOf(mode_t m) {
     return "not a regular file";
 }
 
-// Temporary files of all live output sets, for the signal handler: fixed
-// storage, so that the handler only reads memory and calls unlink().
-constexpr int kMaxTemps = 32;
+// Temporary files (and directories made for outputs) of all live output
+// sets, for the signal handler: fixed storage, so that the handler only reads
+// memory and calls unlink() and rmdir(). gTempUsed: 0 free, 1 file,
+// 2 + n directory made n-th (removed innermost first).
+constexpr int kMaxTemps = 64;
 char gTemps[kMaxTemps][PATH_MAX];
 volatile sig_atomic_t gTempUsed[kMaxTemps];
+int gDirSerial = 0;
 
 // Blocks SIGINT and SIGTERM while the registry changes.
 class SignalBlock {
@@ -63,12 +66,12 @@ private:
     sigset_t old_;
 };
 
-void registerTemp(const std::string &path) {
+void registerTemp(const std::string &path, bool directory = false) {
     SignalBlock b;
     for (int i = 0; i < kMaxTemps; ++i)
         if (!gTempUsed[i] && path.size() < PATH_MAX) {
             std::memcpy(gTemps[i], path.c_str(), path.size() + 1);
-            gTempUsed[i] = 1;
+            gTempUsed[i] = directory ? 2 + gDirSerial++ : 1;
             return;
         }
 }
@@ -84,7 +87,16 @@ void unregisterTemp(const std::string &path) {
 
 void onInterrupt(int sig) {
     for (int i = 0; i < kMaxTemps; ++i)
-        if (gTempUsed[i]) ::unlink(gTemps[i]);
+        if (gTempUsed[i] == 1) ::unlink(gTemps[i]);
+    // Directories made for the outputs, the last made first.
+    for (;;) {
+        int last = -1;
+        for (int i = 0; i < kMaxTemps; ++i)
+            if (gTempUsed[i] >= 2 && (last < 0 || gTempUsed[i] > gTempUsed[last])) last = i;
+        if (last < 0) break;
+        ::rmdir(gTemps[last]);
+        gTempUsed[last] = 0;
+    }
     const char *msg = sig == SIGINT ? "\nkvaec: interrupted (SIGINT); no output written, temporary files removed\n"
                                     : "\nkvaec: terminated (SIGTERM); no output written, temporary files removed\n";
     const ssize_t r = ::write(2, msg, std::strlen(msg));
@@ -300,7 +312,10 @@ OutputSet::~OutputSet() {
             ::unlink(it.temp.c_str());
             unregisterTemp(it.temp);
         }
-    for (auto d = createdDirs_.rbegin(); d != createdDirs_.rend(); ++d) ::rmdir(d->c_str());
+    for (auto d = createdDirs_.rbegin(); d != createdDirs_.rend(); ++d) {
+        ::rmdir(d->c_str());
+        unregisterTemp(*d);
+    }
 }
 
 namespace {
@@ -317,10 +332,12 @@ void makeDirectories(const std::string &dir, const std::string &named, std::vect
         if (sofar.empty()) continue;
         struct stat st {};
         if (::stat(sofar.c_str(), &st) == 0) continue;
+        SignalBlock hold;  // made and registered as one step
         if (::mkdir(sofar.c_str(), 0777) != 0 && errno != EEXIST)
             throw ToolError("cannot write " + named + ": cannot create directory '" + sofar + "': " +
                             std::strerror(errno));
         created.push_back(sofar);
+        registerTemp(sofar, true);
     }
 }
 
@@ -483,6 +500,7 @@ void OutputSet::commit() {
         unregisterTemp(it.temp);
         it.temp.clear();
     }
+    for (const std::string &d : createdDirs_) unregisterTemp(d);
     committed_ = true;
 }
 
