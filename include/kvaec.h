@@ -75,6 +75,18 @@ extern "C" {
  * Configuration record: eight 32-bit fields, in this order.
  * Copied into the instance by aecx_init() and by aecx_control() with
  * KVAEC_CMD_LOAD_CFG; changes take effect at the next frame.
+ *
+ * Valid ranges (closed; kvaec_cfg_check() tests them, and non-finite values
+ * are never valid). Every record inside them gives a working canceller; the
+ * library itself does not check and runs whatever it is given.
+ *   fErlInitDb      -40 .. 10 dB
+ *   fNlpAttMaxDb      0 .. 80 dB
+ *   fNlpAttMinDb      0 .. 80 dB, and not above fNlpAttMaxDb
+ *   fDtdMarginDb      0 .. 20 dB
+ *   fLevelFloorDb  -120 .. -50 dB
+ *   fNrLevelDb        0 .. 1
+ *   fRinLevelRefDb  -20 .. 150 dB
+ *   iProfile          0 .. 6
  */
 typedef struct AEC_tCfg {
     float fErlInitDb;     /* initial per-strip echo-path gain, dB (default -10); also the ERL floor */
@@ -86,6 +98,22 @@ typedef struct AEC_tCfg {
     float fRinLevelRefDb; /* receive-level reference, dB (default 100) */
     int32_t iProfile;     /* acoustic profile, integer: 0 none, 1..4 equalizer curves, 5/6 echo tail rules */
 } AEC_tCfg;
+
+/* The ranges above as constants (dB unless noted), for hosts that show them. */
+#define KVAEC_CFG_ERL_INIT_MIN (-40.0f)
+#define KVAEC_CFG_ERL_INIT_MAX 10.0f
+#define KVAEC_CFG_NLP_ATT_MIN 0.0f         /* fNlpAttMaxDb and fNlpAttMinDb */
+#define KVAEC_CFG_NLP_ATT_MAX 80.0f
+#define KVAEC_CFG_DTD_MARGIN_MIN 0.0f
+#define KVAEC_CFG_DTD_MARGIN_MAX 20.0f
+#define KVAEC_CFG_LEVEL_FLOOR_MIN (-120.0f)
+#define KVAEC_CFG_LEVEL_FLOOR_MAX (-50.0f)
+#define KVAEC_CFG_NR_LEVEL_MIN 0.0f        /* no unit: 0 = off .. 1 = strongest */
+#define KVAEC_CFG_NR_LEVEL_MAX 1.0f
+#define KVAEC_CFG_RIN_LEVEL_REF_MIN (-20.0f)
+#define KVAEC_CFG_RIN_LEVEL_REF_MAX 150.0f
+#define KVAEC_CFG_PROFILE_MIN 0
+#define KVAEC_CFG_PROFILE_MAX 6
 
 /* Default configuration: -10, 45, 30, 4.5, -95, 0, 100, 0. Read-only. */
 KVAEC_API extern const AEC_tCfg AEC_DefaultCfg;
@@ -133,6 +161,13 @@ KVAEC_API void aecx_init_tabs(void);
  *   sin: 160 send-path (microphone) samples; on return the echo-cancelled,
  *        suppressed send signal (delayed by 120 samples).
  * The buffers must not overlap. aecx_init() must have been called.
+ *
+ * Echo timing: the echo of a receive sample must reach the microphone input
+ * of a later call no earlier than KVAEC_ECHO_MIN_DELAY (280) samples after
+ * this function returned that sample in `rin`, or the canceller loses that
+ * part of the echo (see the measured table at KVAEC_ECHO_MIN_DELAY). A host
+ * whose loudspeaker-to-microphone latency is shorter delays the microphone
+ * signal by the difference; kvaec_align_shift() gives the shift.
  */
 KVAEC_API void aecx_process(float *rin, float *sin);
 
@@ -159,6 +194,14 @@ KVAEC_API void aecx_miceq(float *x);
  * arrival over some more samples: echo that arrives earlier than this is
  * partly or wholly missed. A host whose loudspeaker-to-microphone latency is
  * shorter delays the microphone by the difference (kvaec_align_shift).
+ *
+ * Measured in a closed loop (single-tap echo path, white far end at -26 dBFS,
+ * NLP off; tests/scenario/test_echo_delay.cpp), linear ERLE against the delay
+ * from the receive output to the echo at the microphone input:
+ *   samples  160   180   200   220   240   260   280   300   320   480   960
+ *   ERLE dB  16.3  18.0  25.0  31.6  35.5  36.9  36.5  37.1  36.5  36.6  36.3
+ * From 260 samples on the figure is that of an ample delay; 240 still loses
+ * about 1 dB; 280 leaves one filter-bank hop (40 samples) beyond that.
  */
 #define KVAEC_ECHO_MIN_DELAY 280
 
@@ -175,12 +218,14 @@ KVAEC_API void aecx_miceq(float *x);
 KVAEC_API int32_t kvaec_align_shift(int32_t bulk_delay, int32_t margin);
 
 /*
- * Checks a configuration against the documented ranges of its fields
- * (non-finite values are never valid). Returns NULL when the record is
- * valid (or `cfg` is NULL, which stands for the defaults); otherwise a
- * static, NUL-terminated one-line reason that starts with the field's name,
- * e.g. "fErlInitDb: ...". Hosts check a configuration with this before
- * loading it with aecx_init() or aecx_control().
+ * Checks a configuration against the documented ranges of its fields (see
+ * AEC_tCfg; non-finite values are never valid). Returns NULL when the record
+ * is valid (or `cfg` is NULL, which stands for the defaults); otherwise a
+ * static, NUL-terminated one-line reason that starts with the first bad
+ * field's name and states its range, e.g.
+ * "fErlInitDb: must be a finite number from -40 to 10 (dB)". Hosts check a
+ * configuration with this before loading it with aecx_init() or
+ * aecx_control(), and refuse it with the reason. No I/O, no allocation.
  */
 KVAEC_API const char *kvaec_cfg_check(const AEC_tCfg *cfg);
 

@@ -9,8 +9,10 @@ live :class:`Canceller` at a time; creating a second one raises
 
 Where the library is looked for, in this order:
   1. the environment variable ``KVAEC_LIB`` (path of libkvaec.so);
-  2. ``libkvaec.so`` next to this package (``python/kvaec/``);
-  3. the build directories ``build*/`` of the source tree.
+  2. the installed library: ``ctypes.util.find_library("kvaec")`` (the
+     linker's search path), then the ``libdir`` pkg-config gives for
+     ``kvaec`` (set ``PKG_CONFIG_PATH`` for a private prefix);
+  3. the build directories ``build*/`` of the source tree this package sits in.
 
 Example::
 
@@ -20,16 +22,25 @@ Example::
         send, played = c.process_frame(rin_frame, sin_frame)
 """
 import ctypes
+import ctypes.util
 import glob
 import os
+import subprocess
+from typing import Dict, Iterator, List, Optional, Sequence, Tuple, Union
 
 import numpy as np
 
+from ._version import __version__
+
 __all__ = [
     "Config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
-    "load_library", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
+    "align_shift", "echo_min_delay",
+    "load_library", "library_path", "__version__", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
     "MODE_NO_NLP", "MODE_NO_NR", "MODE_NO_HIPASS", "MODE_LOOPBACK",
 ]
+
+# A signal: a 1-D numpy array (converted to float32) or a sequence of floats.
+ArrayLike = Union[np.ndarray, Sequence[float]]
 
 FRAME = 160          # samples per frame (10 ms)
 RATE = 16000         # sample rate, Hz
@@ -86,7 +97,7 @@ class Config:
     Unnamed fields take the library's defaults (``AEC_DefaultCfg``).
     """
 
-    def __init__(self, **fields):
+    def __init__(self, **fields: float) -> None:
         d = _default_cfg()
         for name in _CFG_FIELDS:
             setattr(self, name, getattr(d, name))
@@ -120,34 +131,78 @@ class Config:
 
 
 _lib = None
+_lib_path = None
 
 
-def _candidates():
-    env = os.environ.get("KVAEC_LIB")
-    if env:
-        yield env
-        return
+def _source_tree_builds(name: str = "kvaec") -> List[str]:
     here = os.path.dirname(os.path.abspath(__file__))
-    yield os.path.join(here, "libkvaec.so")
     root = os.path.dirname(os.path.dirname(here))
-    for p in sorted(glob.glob(os.path.join(root, "build*", "libkvaec.so"))):
-        yield p
+    if not os.path.exists(os.path.join(root, "include", "kvaec.h")):
+        return []  # an installed package: no source tree around it
+    return sorted(glob.glob(os.path.join(root, "build*", "lib%s.so" % name)))
 
 
-def load_library():
-    """Loads libkvaec once and returns the ctypes handle."""
-    global _lib
+def _pkg_config_libdir() -> Optional[str]:
+    try:
+        p = subprocess.run(["pkg-config", "--variable=libdir", "kvaec"], capture_output=True, text=True,
+                           timeout=10)
+    except (OSError, subprocess.SubprocessError):
+        return None
+    d = p.stdout.strip()
+    return d if p.returncode == 0 and d else None
+
+
+def _candidates(name: str = "kvaec", env_var: str = "KVAEC_LIB") -> Iterator[Tuple[str, str]]:
+    """(how it was found, path or name for ctypes) of the library lib``name``,
+    in the order of lookup: the environment variable, the installed library
+    (linker path, then pkg-config's libdir of kvaec), the source tree."""
+    env = os.environ.get(env_var)
+    if env:
+        yield env_var, env
+        return
+    found = ctypes.util.find_library(name)
+    if found:
+        yield "ctypes.util.find_library", found
+    libdir = _pkg_config_libdir()
+    if libdir:
+        for n in ("lib%s.so" % name, "lib%s.so.%s" % (name, __version__.split(".")[0])):
+            yield "pkg-config libdir", os.path.join(libdir, n)
+    for p in _source_tree_builds(name):
+        yield "source tree build", p
+
+
+def _open_library(name: str = "kvaec", env_var: str = "KVAEC_LIB") -> Tuple[ctypes.CDLL, str]:
+    """Opens lib``name`` by the lookup order of :func:`_candidates`; raises
+    OSError saying what was tried and how to point at the library."""
+    tried = []
+    for how, path in _candidates(name, env_var):
+        if os.sep in path and not os.path.exists(path):
+            tried.append(f"{path} ({how}: no such file)")
+            continue
+        try:
+            return ctypes.CDLL(path), path
+        except OSError as e:
+            tried.append(f"{path} ({how}: {e})")
+    raise OSError(
+        f"lib{name}.so not found" + (" (tried: " + "; ".join(tried) + ")" if tried else "") + ". "
+        "Install the C library (in the source tree: cmake -S . -B build && cmake --build build && "
+        f"cmake --install build --prefix PREFIX), then either set {env_var}=/path/to/lib{name}.so, "
+        "or set PKG_CONFIG_PATH=PREFIX/lib/pkgconfig (or install to a prefix the linker searches).")
+
+
+def library_path() -> str:
+    """Path (or linker name) of the libkvaec loaded, loading it if needed."""
+    load_library()
+    return _lib_path
+
+
+def load_library() -> ctypes.CDLL:
+    """Loads libkvaec once and returns the ctypes handle. Raises OSError,
+    saying what was tried and how to point at the library, when none is found."""
+    global _lib, _lib_path
     if _lib is not None:
         return _lib
-    tried = []
-    for path in _candidates():
-        tried.append(path)
-        if os.path.exists(path):
-            lib = ctypes.CDLL(path)
-            break
-    else:
-        raise OSError("libkvaec.so not found (tried: " + ", ".join(tried) +
-                      "); build the library or set KVAEC_LIB to its path")
+    lib, _lib_path = _open_library()
     fp = ctypes.POINTER(ctypes.c_float)
     lib.aecx_init.argtypes = [ctypes.POINTER(_Cfg)]
     lib.aecx_init.restype = None
@@ -161,6 +216,8 @@ def load_library():
     lib.aecx_spkeq.restype = None
     lib.aecx_miceq.argtypes = [fp]
     lib.aecx_miceq.restype = None
+    lib.kvaec_align_shift.argtypes = [ctypes.c_int32, ctypes.c_int32]
+    lib.kvaec_align_shift.restype = ctypes.c_int32
     _lib = lib
     return lib
 
@@ -179,7 +236,8 @@ class Canceller:
     call :meth:`close`; only one Canceller may be live at a time.
     """
 
-    def __init__(self, config=None, mode=0, nlp_param=None, equalizers=True):
+    def __init__(self, config: Optional["Config"] = None, mode: int = 0, nlp_param: Optional[float] = None,
+                 equalizers: bool = True) -> None:
         global _live
         if _live is not None:
             raise CancellerBusyError(
@@ -207,7 +265,7 @@ class Canceller:
     def __exit__(self, *exc):
         self.close()
 
-    def close(self):
+    def close(self) -> None:
         global _live
         if not self._closed:
             self._closed = True
@@ -234,27 +292,27 @@ class Canceller:
         self._mode = int(value) & ~0xF
         self._lib.aecx_control(self._mode, None, 0.0)
 
-    def load_config(self, config):
+    def load_config(self, config: "Config") -> None:
         """Loads a configuration (takes effect at the next frame)."""
         self._check()
         self.config = config
         cfg = config._to_c()
         self._lib.aecx_control(CMD_LOAD_CFG | self._mode, ctypes.byref(cfg), 0.0)
 
-    def active_config(self):
+    def active_config(self) -> "Config":
         """The configuration record in force inside the library."""
         self._check()
         return Config._from_c(self._db.tCfg)
 
-    def reset(self, keep_filters=False):
+    def reset(self, keep_filters: bool = False) -> None:
         self._check()
         self._lib.aecx_control(CMD_RESET | (CMD_KEEP_FILTERS if keep_filters else 0) | self._mode, None, 0.0)
 
-    def bist(self):
+    def bist(self) -> int:
         self._check()
         return int(self._lib.aecx_bist())
 
-    def state(self):
+    def state(self) -> Dict[str, float]:
         """A few per-frame figures of the instance (double talk, alarms, adaptation)."""
         self._check()
         w = self._db.words
@@ -262,8 +320,11 @@ class Canceller:
         return {"double_talk": int(ctypes.c_int32(w[_W_DOUBLE_TALK]).value), "epc_db": f(_W_EPC_DB),
                 "td_alarm_db": f(_W_TD_ALARM_DB), "adapt_time": f(_W_ADAPT_TIME), "mode": int(w[_W_FLAGS])}
 
-    def process_frame(self, rin, sin):
-        """Processes one frame (160 samples per path); returns (send, played).
+    def process_frame(self, rin: ArrayLike, sin: ArrayLike) -> Tuple[np.ndarray, np.ndarray]:
+        """Processes one 10 ms frame: ``rin`` 160 receive (loudspeaker) samples,
+        ``sin`` 160 microphone samples, float, full scale 1.0. Returns (send,
+        played): the send frame (120 samples of delay) and the receive frame to
+        play (40 samples of delay), float32.
 
         Runs the microphone equalizer before and the loudspeaker equalizer
         after the canceller when ``equalizers`` is true. Non-finite outputs
@@ -304,9 +365,12 @@ def _as_signal(x, name):
     return a
 
 
-def estimate_delay(far, mic, max_delay_ms=500.0, seconds=5.0):
-    """Bulk delay (samples) of the echo in ``mic`` behind ``far``, by GCC-PHAT on
-    the first ``seconds`` with far-end activity; None when the far end is silent."""
+def estimate_delay(far: ArrayLike, mic: ArrayLike, max_delay_ms: float = 500.0,
+                   seconds: float = 5.0) -> Optional[int]:
+    """Bulk delay, in samples at 16 kHz, of the echo in ``mic`` behind ``far``
+    (both 1-D, 16 kHz), by GCC-PHAT on the first ``seconds`` (s) with far-end
+    activity, searched over 0..``max_delay_ms`` (ms); None when the far end is
+    silent."""
     far = _as_signal(far, "far").astype(np.float64)
     mic = _as_signal(mic, "mic").astype(np.float64)
     n = len(far) // FRAME
@@ -329,17 +393,45 @@ def estimate_delay(far, mic, max_delay_ms=500.0, seconds=5.0):
     return int(np.argmax(r))
 
 
-def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nlp_param=None,
-            equalizers=True):
+def align_shift(bulk_delay: int, margin: int = 0) -> int:
+    """The library's alignment rule (``kvaec_align_shift``): samples by which
+    a host delays the microphone relative to the far end (negative: delays the
+    far end by minus that many) so that an echo ``bulk_delay`` samples behind
+    the far end reaches the canceller ``ECHO_MIN_DELAY + margin`` samples after
+    the library's receive output."""
+    return int(load_library().kvaec_align_shift(int(bulk_delay), int(margin)))
+
+
+def echo_min_delay() -> int:
+    """``KVAEC_ECHO_MIN_DELAY``, samples: the least delay from the receive
+    output to its echo at the microphone input that the canceller models."""
+    return align_shift(0, 0) - RIN_DELAY
+
+
+def process(far: ArrayLike, mic: ArrayLike, config: Optional["Config"] = None, mode: int = 0,
+            delay: Union[str, float] = "auto", delay_margin_ms: float = 2.0, nlp_param: Optional[float] = None,
+            equalizers: bool = True) -> Dict[str, object]:
     """Offline echo cancellation of a microphone recording made while ``far``
     played, both 1-D arrays at 16 kHz. Works like ``kvaec process``: all loss
-    on the send path (``MODE_SEND_ONLY_LOSS`` always set), the far end or the
-    microphone delayed so that the echo lands ``delay_margin_ms`` behind the
-    library's reference, outputs realigned.
+    on the send path (``MODE_SEND_ONLY_LOSS`` always set); the microphone (or
+    the far end) is delayed by the library's alignment rule (:func:`align_shift`)
+    so that the echo reaches the canceller ``delay_margin_ms`` beyond the least
+    delay after its receive output it needs (:func:`echo_min_delay`); outputs
+    realigned.
 
-    ``delay``: "auto" (estimated) or milliseconds. Returns a dict with
-    ``out`` (send signal aligned with ``mic``), ``played`` (receive output
-    aligned with ``far``), ``delay`` (bulk delay in samples) and ``resets``.
+    ``far``, ``mic``: 1-D signals at 16 kHz, float, full scale 1.0.
+    ``config``: :class:`Config` (None: the library defaults). ``mode``: mode
+    word (``MODE_*`` bits). ``delay``: "auto" (estimated by
+    :func:`estimate_delay`) or the bulk delay of the echo behind the far end
+    in milliseconds. ``delay_margin_ms``: ms beyond the least echo delay.
+    ``nlp_param``: NLP value in dB (None: not set). ``equalizers``: run the
+    profile equalizers around the canceller.
+
+    Returns a dict with ``out`` (send signal aligned with ``mic``, float32),
+    ``played`` (receive output aligned with ``far``), ``delay`` (bulk delay,
+    samples), ``shift`` (samples the microphone was delayed; negative: the
+    far end) and ``resets`` (list of (frame, non-finite samples, self-test
+    count)).
     """
     far = _as_signal(far, "far")
     mic = _as_signal(mic, "mic")
@@ -350,8 +442,8 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
         bulk = int(round(float(delay) * RATE / 1000))
         if bulk < 0:
             raise ValueError("delay must be 'auto' or a non-negative number of milliseconds")
-    s = bulk - RIN_DELAY - int(round(delay_margin_ms * RATE / 1000))
-    far_shift, mic_shift = max(s, 0), max(-s, 0)
+    shift = align_shift(bulk, int(round(delay_margin_ms * RATE / 1000)))
+    far_shift, mic_shift = max(-shift, 0), max(shift, 0)
     need = max(len(mic) + SIN_DELAY + mic_shift, len(far) + RIN_DELAY + far_shift)
     frames = -(-need // FRAME)
     fin = np.zeros(frames * FRAME, np.float32)
@@ -371,16 +463,23 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     pl = np.zeros(len(far), np.float32)
     src = played[RIN_DELAY + far_shift:]
     pl[: min(len(far), len(src))] = src[: len(far)]
-    return {"out": out, "played": pl, "delay": bulk, "resets": resets}
+    return {"out": out, "played": pl, "delay": bulk, "shift": shift, "resets": resets}
 
 
-def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode=0,
-             nonlinear=0.0, equalizers=True):
+def simulate(far: ArrayLike, near: Optional[ArrayLike] = None, echo_path: Optional[ArrayLike] = None,
+             latency_frames: int = 2, config: Optional["Config"] = None, mode: int = 0,
+             nonlinear: float = 0.0, equalizers: bool = True) -> Dict[str, object]:
     """Closed loop: ``far`` goes through the canceller to the loudspeaker; the
     echo is ``echo_path`` (FIR, default a 0.5 tap 2 ms late) applied to what
     the library played, ``latency_frames`` whole frames later (at least one),
     optionally through a soft-clipping loudspeaker tanh(d x)/d; the microphone
     takes echo plus ``near``.
+
+    The echo's first arrival (first tap within 20 dB of the largest) should
+    come at least :func:`echo_min_delay` samples after the receive output:
+    the default (two frames, 352 samples with the default path) does; a
+    shorter loop gives a ``RuntimeWarning``, as the canceller misses the
+    early part of such an echo.
 
     Returns a dict of arrays: ``mic``, ``send``, ``played``, ``echo`` and a
     per-frame ``double_talk`` flag, plus ``resets``.
@@ -395,6 +494,13 @@ def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode
     if echo_path is None:
         h[32] = 0.5
     lat = max(1, int(latency_frames)) * FRAME
+    peak = np.max(np.abs(h)) if len(h) else 0.0
+    first = int(np.argmax(np.abs(h) >= 0.1 * peak)) if peak > 0 else 0
+    if lat + first < echo_min_delay():
+        import warnings
+        warnings.warn(f"the echo reaches the microphone {lat + first} samples after the receive output, less "
+                      f"than the {echo_min_delay()} the canceller needs: its early part is not cancelled "
+                      "(raise latency_frames)", RuntimeWarning, stacklevel=2)
     hist = np.zeros(lat + len(h) + n, np.float64)  # played (through the loudspeaker), with lead-in
     out = {k: np.zeros(n, np.float32) for k in ("mic", "send", "played", "echo")}
     dt = np.zeros(n // FRAME, np.int32)

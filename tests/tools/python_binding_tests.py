@@ -1,4 +1,6 @@
 """Tests of the Python binding (python/kvaec) against the built library."""
+import os
+
 import numpy as np
 import pytest
 
@@ -100,3 +102,44 @@ def test_simulate_echo_is_made_from_what_was_played():
     np.testing.assert_array_equal(r["mic"], r["echo"])  # no near end
     assert r["double_talk"].shape == (50,)
     assert np.abs(r["played"]).sum() > 1.0
+
+
+def _header_macro(name):
+    import re
+    here = os.path.dirname(os.path.abspath(__file__))
+    with open(os.path.join(here, "..", "..", "include", "kvaec.h")) as f:
+        return int(re.search(r"#define %s (\d+)" % name, f.read()).group(1))
+
+
+def test_delays_and_least_echo_delay_are_the_headers():
+    assert kvaec.RIN_DELAY == _header_macro("KVAEC_RCV_DELAY_SAMPLES")
+    assert kvaec.SIN_DELAY == _header_macro("KVAEC_SND_DELAY_SAMPLES")
+    assert kvaec.echo_min_delay() == _header_macro("KVAEC_ECHO_MIN_DELAY")
+
+
+@pytest.mark.parametrize("bulk", [0, 800])
+def test_process_aligns_by_the_library_rule(bulk):
+    # The echo reaches the canceller the least echo delay plus the 2 ms
+    # margin after the receive output (which trails the far end by RIN_DELAY).
+    far = noise(11, 16000)
+    mic = np.zeros_like(far)
+    mic[bulk:] = 0.5 * far[:len(far) - bulk]
+    r = kvaec.process(far, mic, mode=kvaec.MODE_BYPASS, delay=bulk / 16.0)
+    assert r["shift"] == kvaec.align_shift(bulk, 32)
+    assert bulk + r["shift"] - kvaec.RIN_DELAY == kvaec.echo_min_delay() + 32
+    # Bypass: the send output is the microphone through the filter banks, so
+    # after the realignment it lines up with the microphone.
+    k = int(np.argmax(np.correlate(r["out"][2000:14000], mic[2000:14000], "full"))) - (12000 - 1)
+    assert k == 0
+
+
+def test_simulate_warns_when_the_echo_comes_sooner_than_the_canceller_needs():
+    far = noise(12, 1600)
+    h = np.zeros(33)
+    h[32] = 0.5
+    with pytest.warns(RuntimeWarning, match="after the receive output"):
+        kvaec.simulate(far, echo_path=h, latency_frames=1)
+    import warnings
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        kvaec.simulate(far, echo_path=h)  # default: two frames, 352 samples

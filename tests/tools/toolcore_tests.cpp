@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 #include <cstdio>
+#include <cstring>
 #include <dirent.h>
 #include <random>
 #include <sndfile.h>
@@ -14,9 +15,11 @@
 #include <vector>
 
 #include "audio_io.h"
+#include "common.h"
 #include "delay.h"
 #include "health.h"
 #include "kvaec.h"
+#include "kvaec_host.h"
 #include "kvaec_records.h"
 #include "rir.h"
 
@@ -121,6 +124,110 @@ TEST(DelayEstimate, ReportsNothingForSilentFarEnd) {
     EXPECT_FALSE(estimateDelay(far, mic, 16000, 8000, 2.0).found);
 }
 
+namespace {
+
+// Far end of noise and its echo 301 samples (18.8 ms) later at half the level.
+void echoPair(std::vector<float> &far, std::vector<float> &mic, size_t n = 16000 * 4) {
+    far = noise(21, n);
+    mic.assign(n, 0.0f);
+    const std::vector<float> nn = noise(22, n, 0.002f);
+    for (size_t i = 0; i < n; ++i) mic[i] = nn[i] + (i >= 301 ? 0.5f * far[i - 301] : 0.0f);
+}
+
+}  // namespace
+
+TEST(DelayEstimate, IgnoresNonFiniteSamples) {
+    std::vector<float> far, mic;
+    echoPair(far, mic);
+    far[5000] = NAN;
+    far[9000] = INFINITY;
+    mic[12000] = -INFINITY;
+    mic[30000] = NAN;
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    ASSERT_TRUE(e.found);
+    EXPECT_EQ(e.delay, 301);
+    EXPECT_EQ(e.farExcluded, 2);
+    EXPECT_EQ(e.micExcluded, 2);
+    EXPECT_DOUBLE_EQ(e.startSec, 0.0);
+}
+
+TEST(DelayEstimate, IsNotCapturedByAShortBurstOfHugeValues) {
+    std::vector<float> far, mic;
+    echoPair(far, mic);
+    // 10 ms of 1e30 in the far end at 1 s, 10 ms of 1e30 in the microphone at
+    // 1.5 s: a burst that set the activity threshold or dominated the
+    // correlation would give 8000 samples, or start the analysis at 1 s.
+    for (int i = 0; i < 160; ++i) {
+        far[16000 + i] = (i & 1) ? 1e30f : -1e30f;
+        mic[24000 + i] = 1e30f;
+    }
+    DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    ASSERT_TRUE(e.found);
+    EXPECT_EQ(e.delay, 301);
+    EXPECT_DOUBLE_EQ(e.startSec, 0.0);
+    EXPECT_EQ(e.farExcluded, 1);
+    EXPECT_EQ(e.micExcluded, 1);
+    // A burst of plausible-looking but 40 dB too loud samples is left out as well.
+    echoPair(far, mic);
+    for (int i = 0; i < 320; ++i) far[32000 + i] = 10.0f * ((i & 1) ? 1.0f : -1.0f);
+    e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    EXPECT_EQ(e.delay, 301);
+    EXPECT_EQ(e.farExcluded, 2);
+}
+
+TEST(DelayEstimate, AllBadFarEndGivesNoEstimate) {
+    std::vector<float> far(16000, NAN), mic = noise(6, 16000);
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 2.0);
+    EXPECT_FALSE(e.found);
+    EXPECT_EQ(e.farExcluded, 100);
+}
+
+TEST(HostLibrary, CInterfaceMatchesTheToolsEstimate) {
+    std::vector<float> far, mic;
+    echoPair(far, mic);
+    far[100] = NAN;
+    kvaec_delay_result r{};
+    ASSERT_EQ(kvaec_host_estimate_delay(far.data(), static_cast<int64_t>(far.size()), mic.data(),
+                                        static_cast<int64_t>(mic.size()), 16000, 8000, 3.0, &r),
+              0);
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    EXPECT_EQ(r.found, 1);
+    EXPECT_EQ(r.delay, e.delay);
+    EXPECT_EQ(r.delay, 301);
+    EXPECT_DOUBLE_EQ(r.peak_to_mean, e.peakToMean);
+    EXPECT_EQ(r.far_excluded_frames, 1);
+    EXPECT_EQ(r.mic_excluded_frames, 0);
+}
+
+TEST(HostLibrary, BadArgumentsAreRefused) {
+    std::vector<float> x(1600, 0.1f);
+    kvaec_delay_result r{};
+    const int64_t n = static_cast<int64_t>(x.size());
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, 800, 1.0, nullptr), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(nullptr, n, x.data(), n, 16000, 800, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), -1, x.data(), n, 16000, 800, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 0, 800, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, -1, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, 800, NAN, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, 800, 0.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(nullptr, 0, nullptr, 0, 16000, 800, 1.0, &r), 0);
+    EXPECT_EQ(r.found, 0);
+    EXPECT_EQ(kvaec_host_usable_frames(x.data(), n, 16000, nullptr), -1);
+    EXPECT_EQ(kvaec_host_count_finite(nullptr, 5), 0);
+}
+
+TEST(HostLibrary, UsableFramesMarksNonFiniteAndBurstFrames) {
+    std::vector<float> x = noise(30, 16000 + 80);  // 100 whole frames and a partial one
+    x[161] = NAN;            // frame 1
+    x[50 * 160] = 1e30f;     // frame 50
+    for (int i = 0; i < 160; ++i) x[70 * 160 + i] = 5.0f;  // frame 70: 34 dB above the rest
+    x[16000 + 10] = NAN;     // partial frame: not marked
+    std::vector<uint8_t> u(100, 7);
+    EXPECT_EQ(kvaec_host_usable_frames(x.data(), static_cast<int64_t>(x.size()), 16000, u.data()), 97);
+    for (int k = 0; k < 100; ++k) EXPECT_EQ(u[static_cast<size_t>(k)], (k == 1 || k == 50 || k == 70) ? 0 : 1) << k;
+    EXPECT_EQ(kvaec_host_count_finite(x.data(), static_cast<int64_t>(x.size())), 16078);
+}
+
 TEST(RoomModel, ReflectionCoefficientFollowsSabine) {
     Room r;
     r.size = {4.0, 5.0, 2.5};
@@ -208,9 +315,37 @@ TEST(AudioFiles, OutputAppearsOnlyOnCommit) {
     removeTree(d);
 }
 
-TEST(AudioFiles, OutputInMissingDirectoryFailsAtOnce) {
+TEST(AudioFiles, OutputUnderARegularFileFailsAtOnce) {
+    char t[] = "/tmp/kvaec-outtest-XXXXXX";
+    ASSERT_NE(::mkdtemp(t), nullptr);
+    const std::string d = t, file = d + "/plain";
+    std::FILE *f = std::fopen(file.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fclose(f);
     OutputSet o;
-    EXPECT_THROW(o.add("/nonexistent-kvaec-dir/x.wav"), ToolError);
+    EXPECT_THROW(o.add(file + "/sub/x.wav"), ToolError);
+    std::system(("rm -rf '" + d + "'").c_str());
+}
+
+TEST(AudioFiles, MissingDirectoriesAreCreatedAndRemovedAgainWithoutCommit) {
+    char t[] = "/tmp/kvaec-outtest-XXXXXX";
+    ASSERT_NE(::mkdtemp(t), nullptr);
+    const std::string d = t;
+    struct stat st {};
+    {
+        OutputSet o;
+        o.add(d + "/a/b/x.wav");
+        EXPECT_EQ(::stat((d + "/a/b").c_str(), &st), 0);
+    }
+    EXPECT_NE(::stat((d + "/a").c_str(), &st), 0);  // not committed: nothing left
+    {
+        OutputSet o;
+        const int i = o.add(d + "/a/b/x.wav");
+        o.writeText(i, "x");
+        o.commit();
+    }
+    EXPECT_EQ(::stat((d + "/a/b/x.wav").c_str(), &st), 0);
+    std::system(("rm -rf '" + d + "'").c_str());
 }
 
 TEST(AudioFiles, MissingAndNonAudioFilesGiveClearErrors) {
@@ -304,4 +439,63 @@ TEST(HealthWatch, SelfTestRunsOnceASecond) {
     EXPECT_EQ(h.events()[0].bistCount, 1);
     EXPECT_EQ(h.events()[0].nonFiniteOut, 0);
     EXPECT_EQ(AEC_Db.uiFlags, static_cast<unsigned>(KVAEC_MODE_FREEZE));
+}
+
+TEST(HealthWatch, ResetReloadsTheCheckedSettings) {
+    Settings s;
+    s.cfg.fNrLevelDb = 0.5f;
+    s.cfg.fDtdMarginDb = 3.0f;
+    s.mode = KVAEC_MODE_SEND_ONLY_LOSS;
+    s.nlpParamSet = true;
+    s.nlpParam = 2.5f;
+    checkSettings(s);
+    startCanceller(s);
+    HealthWatch h(s);
+    // A fault that damaged the active configuration: a reset alone would keep it.
+    AEC_Db.tCfg.fErlInitDb = std::nanf("");
+    AEC_Db.tCfg.iProfile = 99;
+    float rin[160] = {}, sin[160] = {};
+    sin[0] = std::nanf("");
+    EXPECT_TRUE(h.afterFrame(0, rin, sin));
+    EXPECT_EQ(std::memcmp(&AEC_Db.tCfg, &s.cfg, sizeof s.cfg), 0);
+    EXPECT_EQ(AEC_Db.fNlpParam, 2.5f);
+    EXPECT_EQ(AEC_Db.uiFlags, s.mode);
+    EXPECT_TRUE(h.nearReset(0));
+    EXPECT_TRUE(h.nearReset(100));
+    EXPECT_FALSE(h.nearReset(101));
+}
+
+TEST(Settings, CheckRefusesWithTheLibrarysReason) {
+    Settings s;
+    s.cfg.fErlInitDb = std::nanf("");
+    try {
+        checkSettings(s);
+        FAIL() << "accepted";
+    } catch (const ToolError &e) {
+        EXPECT_STREQ(e.what(), "invalid configuration: fErlInitDb: must be a finite number from -40 to 10 (dB)");
+    }
+    s = Settings{};
+    s.nlpParamSet = true;
+    s.nlpParam = INFINITY;
+    EXPECT_THROW(checkSettings(s), ToolError);
+}
+
+TEST(AudioFiles, OutputSetComparesFilesByIdentity) {
+    const std::string d = tempDir();
+    const std::vector<float> x = noise(1, 160);
+    writeWavAtomic(d + "/in.wav", x, 16000);
+    ASSERT_EQ(::symlink((d + "/in.wav").c_str(), (d + "/ln.wav").c_str()), 0);
+    {
+        OutputSet o;
+        o.protectInput(d + "/in.wav", "--mic");
+        EXPECT_THROW(o.add(d + "/ln.wav", "--out"), ToolError);
+        EXPECT_THROW(o.add(d + "/../" + d.substr(d.rfind('/') + 1) + "/in.wav", "--out"), ToolError);
+        o.add(d + "/new.wav", "--out");
+        EXPECT_THROW(o.add(d + "/./new.wav", "--far-out"), ToolError);  // does not exist yet: by resolved path
+        EXPECT_THROW(o.protectInput(d + "/new.wav", "--far"), ToolError);
+    }
+    EXPECT_TRUE(fileId(d + "/in.wav") == fileId(d + "/ln.wav"));
+    EXPECT_FALSE(fileId(d + "/in.wav") == fileId(d + "/other.wav"));
+    EXPECT_EQ(listDir(d).size(), 2u);  // in.wav, ln.wav: the reserved output's temporary is gone
+    removeTree(d);
 }
