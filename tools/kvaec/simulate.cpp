@@ -133,6 +133,7 @@ int runSimulate(const SimulateArgs &a) {
     const int oMic = outs.add(d + "mic.wav"), oSend = outs.add(d + "send.wav"), oPlayed = outs.add(d + "played.wav"),
               oEcho = outs.add(d + "echo.wav"), oFar = outs.add(d + "far.wav"), oNear = outs.add(d + "near.wav"),
               oCsv = outs.add(d + "frames.csv");
+    if (!a.noPlot) outs.addExternal(d + "plot.png", "the plot");
 
     std::vector<std::string> notes;
     // ---- sources ----
