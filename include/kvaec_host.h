@@ -41,10 +41,11 @@ typedef struct kvaec_delay_result {
  * activity (10 ms frames above -60 dBFS and within 40 dB of the loudest).
  *
  * Bad samples do not mislead it: a 10 ms frame that holds a non-finite
- * sample, a sample beyond +-1000, or a level more than 20 dB above the
- * 90th percentile of the signal's frame levels is left out (set to silence)
- * on both signals, so a short burst of huge values neither sets the activity
- * threshold nor captures the correlation.
+ * sample or a sample beyond +-1000, or that goes beyond full scale (+-1)
+ * with a level more than 20 dB above the 90th percentile of the signal's
+ * frame levels, is left out (set to silence), so a short burst of huge
+ * values neither sets the activity threshold nor captures the correlation,
+ * while loud speech within full scale is always kept.
  *
  * Returns 0 and fills `*out`; -1 for bad arguments (null pointer with a
  * non-zero length, a negative length, rate < 100, max_delay < 0, seconds not

@@ -758,3 +758,27 @@ TEST_F(Tool, BadSamplesDoNotMisleadTheDelayOrTheFigures) {
     EXPECT_LT(erle, 80.0) << r.out;  // the burst frames would give hundreds of dB
     EXPECT_FALSE(has(r, "nan")) << r.out;
 }
+
+TEST_F(Tool, NumericOptionsRefuseNaN) {
+    makePair();
+    const std::string in = "process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav");
+    for (const char *o : {"--delay-margin nan", "--max-delay nan", "--delay-margin 60"}) {
+        const ToolRun r = kvaec(in + " " + o);
+        EXPECT_EQ(r.code, 2) << o;
+        EXPECT_TRUE(has(r, "a finite number from")) << r.out;
+    }
+    const ToolRun s = kvaec("simulate -q --no-plot --nonlinear nan -o " + p("sim"));
+    EXPECT_EQ(s.code, 2);
+    EXPECT_TRUE(has(s, "--nonlinear: a finite number from 0 to 100 is needed, not 'nan'")) << s.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+}
+
+TEST_F(Tool, SimulateRefusesToDrawThePlotOverAnInput) {
+    ASSERT_EQ(::mkdir(p("sim").c_str(), 0777), 0);
+    writeWav(p("sim/plot.png"), noise(3, 16000));  // an audio file that happens to be called so
+    const std::string before = slurp(p("sim/plot.png"));
+    const ToolRun r = kvaec("simulate -q -o " + p("sim") + " --far " + p("sim/plot.png"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "(the plot) is the input")) << r.out;
+    EXPECT_EQ(slurp(p("sim/plot.png")), before);
+}

@@ -175,6 +175,22 @@ TEST(DelayEstimate, IsNotCapturedByAShortBurstOfHugeValues) {
     EXPECT_EQ(e.farExcluded, 2);
 }
 
+TEST(DelayEstimate, KeepsShortLoudSpeechInAQuietRecording) {
+    // 0.3 s of activity within full scale in 6 s of near silence: far above
+    // the 90th percentile of the levels, but not a burst.
+    std::vector<float> far = noise(40, 16000 * 6, 1e-4f);
+    const std::vector<float> talk = noise(41, 4800, 0.25f);
+    for (size_t i = 0; i < talk.size(); ++i) far[32000 + i] = talk[i];
+    std::vector<float> mic(far.size(), 0.0f);
+    for (size_t i = 450; i < far.size(); ++i) mic[i] = 0.5f * far[i - 450];
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    ASSERT_TRUE(e.found);
+    EXPECT_EQ(e.delay, 450);
+    EXPECT_DOUBLE_EQ(e.startSec, 2.0);
+    EXPECT_EQ(e.farExcluded, 0);
+    EXPECT_EQ(e.micExcluded, 0);
+}
+
 TEST(DelayEstimate, AllBadFarEndGivesNoEstimate) {
     std::vector<float> far(16000, NAN), mic = noise(6, 16000);
     const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 2.0);

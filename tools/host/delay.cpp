@@ -13,14 +13,19 @@ namespace {
 // Samples beyond this magnitude are not audio at full scale 1.0 whatever the
 // gain staging: their frame is left out.
 constexpr double kHugeSample = 1000.0;
-// A frame this far above the 90th percentile of the frame levels is a burst.
+// A frame that goes beyond full scale (1.0) and lies this far above the 90th
+// percentile of the frame levels is a burst. Both are needed: a quiet
+// recording with a few loud words stays whole, and so does a recording whose
+// gain puts everything beyond full scale.
 constexpr double kBurstDb = 20.0;
+constexpr double kFullScale = 1.0;
 // Frames below this level do not enter the percentile (silence, dither).
 constexpr double kQuietDb = -100.0;
 
-double frameLevelDb(const float *x, long n, bool &bad) {
+double frameLevelDb(const float *x, long n, bool &bad, double &peak) {
     double p = 0;
     bad = false;
+    peak = 0;
     for (long i = 0; i < n; ++i) {
         const double v = x[i];
         if (!std::isfinite(v) || std::fabs(v) > kHugeSample) {
@@ -28,6 +33,7 @@ double frameLevelDb(const float *x, long n, bool &bad) {
             return 0.0;
         }
         p += v * v;
+        peak = std::max(peak, std::fabs(v));
     }
     return 10.0 * std::log10(p / static_cast<double>(n) + 1e-30);
 }
@@ -69,10 +75,10 @@ std::vector<uint8_t> usableFrames(const float *x, long n, int rate) {
     const long frame = std::max(1, rate / 100);
     const long nFrames = n / frame;
     std::vector<uint8_t> ok(static_cast<size_t>(std::max(0L, nFrames)), 1);
-    std::vector<double> lev(ok.size(), 0.0), loud;
+    std::vector<double> lev(ok.size(), 0.0), peak(ok.size(), 0.0), loud;
     for (long k = 0; k < nFrames; ++k) {
         bool bad = false;
-        const double l = frameLevelDb(x + k * frame, frame, bad);
+        const double l = frameLevelDb(x + k * frame, frame, bad, peak[static_cast<size_t>(k)]);
         lev[static_cast<size_t>(k)] = l;
         if (bad)
             ok[static_cast<size_t>(k)] = 0;
@@ -86,7 +92,7 @@ std::vector<uint8_t> usableFrames(const float *x, long n, int rate) {
     std::nth_element(loud.begin(), loud.begin() + static_cast<long>(q), loud.end());
     const double limit = loud[q] + kBurstDb;
     for (size_t k = 0; k < ok.size(); ++k)
-        if (ok[k] && lev[k] > limit) ok[k] = 0;
+        if (ok[k] && lev[k] > limit && peak[k] > kFullScale) ok[k] = 0;
     return ok;
 }
 

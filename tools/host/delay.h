@@ -30,8 +30,8 @@ struct DelayEstimate {
 
 // Marks the usable 10 ms frames of `x` (one entry per whole frame): a frame
 // is unusable when it holds a non-finite sample, a sample beyond +-1000, or
-// its level lies more than 20 dB above the 90th percentile of the frame
-// levels (over frames above -100 dBFS).
+// it goes beyond full scale (+-1) with a level more than 20 dB above the
+// 90th percentile of the frame levels (over frames above -100 dBFS).
 std::vector<uint8_t> usableFrames(const float *x, long n, int rate);
 
 // Estimates the lag of `mic` behind `far` in [0, maxDelay] samples from the

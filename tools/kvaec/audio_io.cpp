@@ -343,8 +343,24 @@ void makeDirectories(const std::string &dir, const std::string &named, std::vect
 
 }  // namespace
 
+void OutputSet::addExternal(const std::string &path, const std::string &what) {
+    Input ex{path, what, fileId(path)};
+    for (const Input &in : inputs_)
+        if (in.id == ex.id)
+            throw ToolError("output '" + path + "' (" + what + ") is the input '" + in.path + "' (" + in.what +
+                            "): it would be overwritten; choose another output");
+    for (const Item &it : items_)
+        if (it.id == ex.id)
+            throw ToolError("output '" + path + "' (" + what + ") and output '" + it.path + "' are the same file");
+    externals_.push_back(ex);
+}
+
 void OutputSet::protectInput(const std::string &path, const std::string &what) {
     Input in{path, what, fileId(path)};
+    for (const Input &ex : externals_)
+        if (ex.id == in.id)
+            throw ToolError("output '" + ex.path + "' (" + ex.what + ") is the input '" + path + "' (" + what +
+                            "): it would be overwritten; choose another output");
     for (const Item &it : items_)
         if (it.id == in.id)
             throw ToolError("output '" + it.path + "'" + (it.what.empty() ? "" : " (" + it.what + ")") +
@@ -365,6 +381,9 @@ int OutputSet::add(const std::string &path, const std::string &what) {
         if (in.id == item.id)
             throw ToolError("output " + named + " is the input '" + in.path + "' (" + in.what +
                             "): it would be overwritten; choose another output");
+    for (const Input &ex : externals_)
+        if (ex.id == item.id)
+            throw ToolError("output " + named + " and output '" + ex.path + "' (" + ex.what + ") are the same file");
     for (const Item &it : items_)
         if (it.id == item.id && !(special && S_ISCHR(pst.st_mode)))
             throw ToolError("output " + named + " and output '" + it.path + "'" +

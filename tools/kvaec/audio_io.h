@@ -96,6 +96,10 @@ public:
     // input or another output). `what` names the option. Returns the index
     // to pass to the write functions.
     int add(const std::string &path, const std::string &what = "");
+    // Registers an output written by another program (e.g. the plot): it is
+    // compared with the inputs and outputs like one added here, but no
+    // temporary file is made for it.
+    void addExternal(const std::string &path, const std::string &what);
     // Writes a mono WAV (32-bit float, or 16-bit PCM) to the temporary file.
     void writeWav(int index, const std::vector<float> &x, int rate, bool pcm16 = false);
     // Writes text to the temporary file.
@@ -123,6 +127,7 @@ private:
     };
     std::vector<Item> items_;
     std::vector<Input> inputs_;
+    std::vector<Input> externals_;
     std::vector<std::string> createdDirs_;  // made by add(), removed again unless committed
     bool committed_ = false;
 };

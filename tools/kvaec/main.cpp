@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -84,6 +85,19 @@ const CLI::Validator kChannel(
     },
     "N >= 1");
 
+// A finite number within [lo, hi] (CLI::Range lets NaN through).
+CLI::Validator finiteRange(double lo, double hi) {
+    return CLI::Validator(
+        [lo, hi](std::string &v) -> std::string {
+            char *end = nullptr;
+            const double x = std::strtod(v.c_str(), &end);
+            if (v.empty() || *end != '\0' || !std::isfinite(x) || x < lo || x > hi)
+                return "a finite number from " + fmt("%g", lo) + " to " + fmt("%g", hi) + " is needed, not '" + v + "'";
+            return {};
+        },
+        fmt("%g..%g", lo, hi));
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -105,10 +119,10 @@ int main(int argc, char **argv) {
     proc->add_option("--delay-margin", pa.delayMarginMs, fmt("ms of margin beyond the least delay the canceller needs between its receive output and the echo "
                          "(KVAEC_ECHO_MIN_DELAY, %d samples = %.1f ms)", KVAEC_ECHO_MIN_DELAY,
                          1000.0 * KVAEC_ECHO_MIN_DELAY / KVAEC_SAMPLE_RATE))
-        ->check(CLI::Range(0.0, 50.0))
+        ->check(finiteRange(0.0, 50.0))
         ->capture_default_str();
     proc->add_option("--max-delay", pa.maxDelayMs, "ms, search range of the delay estimate")
-        ->check(CLI::Range(1.0, 5000.0))
+        ->check(finiteRange(1.0, 5000.0))
         ->capture_default_str();
     proc->add_option("--channel", pa.channel, "channel to use (1-based) of multi-channel inputs")->check(kChannel);
     proc->add_flag("--no-resample", pa.noResample, "fail instead of resampling inputs that are not at 16 kHz");
@@ -138,7 +152,7 @@ int main(int argc, char **argv) {
         "echo return loss of the path for white noise, dB (default 10; with --rir only when given)");
     sim->add_option("--echo-change-at", sa.echoChangeAt, "time of an echo-path change, s (microphone moved by 25 cm)");
     sim->add_option("--nonlinear", sa.nonlinear, "loudspeaker drive: played x becomes tanh(DRIVE x)/DRIVE (0 = linear)")
-        ->check(CLI::Range(0.0, 100.0));
+        ->check(finiteRange(0.0, 100.0));
     sim->add_option_function<double>(
         "--duration", [&sa](const double &v) { sa.duration = v; sa.durationGiven = true; },
         "length, s (default 20, or the length of --far)");

@@ -133,8 +133,20 @@ int runSimulate(const SimulateArgs &a) {
     const int oMic = outs.add(d + "mic.wav"), oSend = outs.add(d + "send.wav"), oPlayed = outs.add(d + "played.wav"),
               oEcho = outs.add(d + "echo.wav"), oFar = outs.add(d + "far.wav"), oNear = outs.add(d + "near.wav"),
               oCsv = outs.add(d + "frames.csv");
+    if (!a.noPlot) outs.addExternal(d + "plot.png", "the plot");
 
     std::vector<std::string> notes;
+    // The impulse-response file first: a bad one fails before the sources
+    // are made.
+    std::vector<float> rirFile;
+    if (!a.rir.empty()) {
+        rirFile = loadSignal(a.rir, "impulse-response file", a.channel, kRate, !a.noResample, notes);
+        // An echo path with a non-finite or absurd tap cannot be simulated.
+        for (size_t i = 0; i < rirFile.size(); ++i)
+            if (!std::isfinite(rirFile[i]) || std::fabs(rirFile[i]) > 100.0f)
+                throw ToolError(fmt("impulse-response file '%s' holds an unusable tap %g at sample %zu (taps must "
+                                    "be finite, within +-100)", a.rir.c_str(), static_cast<double>(rirFile[i]), i));
+    }
     // ---- sources ----
     std::vector<float> far, near, noise;
     std::string farSrc, nearSrc;
@@ -211,12 +223,7 @@ int runSimulate(const SimulateArgs &a) {
     std::vector<float> path, path2;
     std::string pathSrc;
     if (!a.rir.empty()) {
-        path = loadSignal(a.rir, "impulse-response file", a.channel, kRate, !a.noResample, notes);
-        // An echo path with a non-finite or absurd tap cannot be simulated.
-        for (size_t i = 0; i < path.size(); ++i)
-            if (!std::isfinite(path[i]) || std::fabs(path[i]) > 100.0f)
-                throw ToolError(fmt("impulse-response file '%s' holds an unusable tap %g at sample %zu (taps must "
-                                    "be finite, within +-100)", a.rir.c_str(), static_cast<double>(path[i]), i));
+        path = rirFile;
         if (a.erlGiven) scaleToErl(path, a.erlDb);
         path2 = path;
         path2.insert(path2.begin(), 16, 0.0f);  // the changed path: 1 ms later, opposite sign
