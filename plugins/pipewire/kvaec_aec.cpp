@@ -642,7 +642,7 @@ int aecDeactivate(void *) { return 0; }
 int aecEnumProps(void *object, int index, spa_pod_builder *b) {
     (void)object;
     const int n = static_cast<int>(sizeof kProps / sizeof kProps[0]);
-    if (index < 0 || index >= n) return 0;
+    if (index < 0 || index >= n || b == nullptr) return 0;
     const PropDef &p = kProps[index];
     spa_pod_frame f;
     spa_pod_builder_push_object(b, &f, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo);
@@ -666,6 +666,9 @@ int aecEnumProps(void *object, int index, spa_pod_builder *b) {
 
 int aecGetParams(void *object, spa_pod_builder *b) {
     Impl *impl = fromAec(object);
+    // PipeWire 0.3.65's echo-cancel module calls this (and enum_props)
+    // without a builder while it sets its streams up: nothing to write.
+    if (b == nullptr) return 0;
     Settings s;
     {
         std::lock_guard<std::mutex> lk(impl->pendingLock);
