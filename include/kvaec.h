@@ -75,6 +75,18 @@ extern "C" {
  * Configuration record: eight 32-bit fields, in this order.
  * Copied into the instance by aecx_init() and by aecx_control() with
  * KVAEC_CMD_LOAD_CFG; changes take effect at the next frame.
+ *
+ * Valid ranges (closed; kvaec_cfg_check() tests them, and non-finite values
+ * are never valid). Every record inside them gives a working canceller; the
+ * library itself does not check and runs whatever it is given.
+ *   fErlInitDb      -40 .. 10 dB
+ *   fNlpAttMaxDb      0 .. 80 dB
+ *   fNlpAttMinDb      0 .. 80 dB, and not above fNlpAttMaxDb
+ *   fDtdMarginDb      0 .. 20 dB
+ *   fLevelFloorDb  -120 .. -50 dB
+ *   fNrLevelDb        0 .. 1
+ *   fRinLevelRefDb  -20 .. 150 dB
+ *   iProfile          0 .. 6
  */
 typedef struct AEC_tCfg {
     float fErlInitDb;     /* initial per-strip echo-path gain, dB (default -10); also the ERL floor */
@@ -86,6 +98,22 @@ typedef struct AEC_tCfg {
     float fRinLevelRefDb; /* receive-level reference, dB (default 100) */
     int32_t iProfile;     /* acoustic profile, integer: 0 none, 1..4 equalizer curves, 5/6 echo tail rules */
 } AEC_tCfg;
+
+/* The ranges above as constants (dB unless noted), for hosts that show them. */
+#define KVAEC_CFG_ERL_INIT_MIN (-40.0f)
+#define KVAEC_CFG_ERL_INIT_MAX 10.0f
+#define KVAEC_CFG_NLP_ATT_MIN 0.0f         /* fNlpAttMaxDb and fNlpAttMinDb */
+#define KVAEC_CFG_NLP_ATT_MAX 80.0f
+#define KVAEC_CFG_DTD_MARGIN_MIN 0.0f
+#define KVAEC_CFG_DTD_MARGIN_MAX 20.0f
+#define KVAEC_CFG_LEVEL_FLOOR_MIN (-120.0f)
+#define KVAEC_CFG_LEVEL_FLOOR_MAX (-50.0f)
+#define KVAEC_CFG_NR_LEVEL_MIN 0.0f        /* no unit: 0 = off .. 1 = strongest */
+#define KVAEC_CFG_NR_LEVEL_MAX 1.0f
+#define KVAEC_CFG_RIN_LEVEL_REF_MIN (-20.0f)
+#define KVAEC_CFG_RIN_LEVEL_REF_MAX 150.0f
+#define KVAEC_CFG_PROFILE_MIN 0
+#define KVAEC_CFG_PROFILE_MAX 6
 
 /* Default configuration: -10, 45, 30, 4.5, -95, 0, 100, 0. Read-only. */
 KVAEC_API extern const AEC_tCfg AEC_DefaultCfg;
@@ -175,12 +203,14 @@ KVAEC_API void aecx_miceq(float *x);
 KVAEC_API int32_t kvaec_align_shift(int32_t bulk_delay, int32_t margin);
 
 /*
- * Checks a configuration against the documented ranges of its fields
- * (non-finite values are never valid). Returns NULL when the record is
- * valid (or `cfg` is NULL, which stands for the defaults); otherwise a
- * static, NUL-terminated one-line reason that starts with the field's name,
- * e.g. "fErlInitDb: ...". Hosts check a configuration with this before
- * loading it with aecx_init() or aecx_control().
+ * Checks a configuration against the documented ranges of its fields (see
+ * AEC_tCfg; non-finite values are never valid). Returns NULL when the record
+ * is valid (or `cfg` is NULL, which stands for the defaults); otherwise a
+ * static, NUL-terminated one-line reason that starts with the first bad
+ * field's name and states its range, e.g.
+ * "fErlInitDb: must be a finite number from -40 to 10 (dB)". Hosts check a
+ * configuration with this before loading it with aecx_init() or
+ * aecx_control(), and refuse it with the reason. No I/O, no allocation.
  */
 KVAEC_API const char *kvaec_cfg_check(const AEC_tCfg *cfg);
 

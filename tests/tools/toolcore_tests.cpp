@@ -17,6 +17,7 @@
 #include "delay.h"
 #include "health.h"
 #include "kvaec.h"
+#include "kvaec_host.h"
 #include "kvaec_records.h"
 #include "rir.h"
 
@@ -119,6 +120,110 @@ TEST(DelayEstimate, FindsInvertedEchoAndStartsAtFarEndActivity) {
 TEST(DelayEstimate, ReportsNothingForSilentFarEnd) {
     const std::vector<float> far(16000, 0.0f), mic = noise(6, 16000);
     EXPECT_FALSE(estimateDelay(far, mic, 16000, 8000, 2.0).found);
+}
+
+namespace {
+
+// Far end of noise and its echo 301 samples (18.8 ms) later at half the level.
+void echoPair(std::vector<float> &far, std::vector<float> &mic, size_t n = 16000 * 4) {
+    far = noise(21, n);
+    mic.assign(n, 0.0f);
+    const std::vector<float> nn = noise(22, n, 0.002f);
+    for (size_t i = 0; i < n; ++i) mic[i] = nn[i] + (i >= 301 ? 0.5f * far[i - 301] : 0.0f);
+}
+
+}  // namespace
+
+TEST(DelayEstimate, IgnoresNonFiniteSamples) {
+    std::vector<float> far, mic;
+    echoPair(far, mic);
+    far[5000] = NAN;
+    far[9000] = INFINITY;
+    mic[12000] = -INFINITY;
+    mic[30000] = NAN;
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    ASSERT_TRUE(e.found);
+    EXPECT_EQ(e.delay, 301);
+    EXPECT_EQ(e.farExcluded, 2);
+    EXPECT_EQ(e.micExcluded, 2);
+    EXPECT_DOUBLE_EQ(e.startSec, 0.0);
+}
+
+TEST(DelayEstimate, IsNotCapturedByAShortBurstOfHugeValues) {
+    std::vector<float> far, mic;
+    echoPair(far, mic);
+    // 10 ms of 1e30 in the far end at 1 s, 10 ms of 1e30 in the microphone at
+    // 1.5 s: a burst that set the activity threshold or dominated the
+    // correlation would give 8000 samples, or start the analysis at 1 s.
+    for (int i = 0; i < 160; ++i) {
+        far[16000 + i] = (i & 1) ? 1e30f : -1e30f;
+        mic[24000 + i] = 1e30f;
+    }
+    DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    ASSERT_TRUE(e.found);
+    EXPECT_EQ(e.delay, 301);
+    EXPECT_DOUBLE_EQ(e.startSec, 0.0);
+    EXPECT_EQ(e.farExcluded, 1);
+    EXPECT_EQ(e.micExcluded, 1);
+    // A burst of plausible-looking but 40 dB too loud samples is left out as well.
+    echoPair(far, mic);
+    for (int i = 0; i < 320; ++i) far[32000 + i] = 10.0f * ((i & 1) ? 1.0f : -1.0f);
+    e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    EXPECT_EQ(e.delay, 301);
+    EXPECT_EQ(e.farExcluded, 2);
+}
+
+TEST(DelayEstimate, AllBadFarEndGivesNoEstimate) {
+    std::vector<float> far(16000, NAN), mic = noise(6, 16000);
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 2.0);
+    EXPECT_FALSE(e.found);
+    EXPECT_EQ(e.farExcluded, 100);
+}
+
+TEST(HostLibrary, CInterfaceMatchesTheToolsEstimate) {
+    std::vector<float> far, mic;
+    echoPair(far, mic);
+    far[100] = NAN;
+    kvaec_delay_result r{};
+    ASSERT_EQ(kvaec_host_estimate_delay(far.data(), static_cast<int64_t>(far.size()), mic.data(),
+                                        static_cast<int64_t>(mic.size()), 16000, 8000, 3.0, &r),
+              0);
+    const DelayEstimate e = estimateDelay(far, mic, 16000, 8000, 3.0);
+    EXPECT_EQ(r.found, 1);
+    EXPECT_EQ(r.delay, e.delay);
+    EXPECT_EQ(r.delay, 301);
+    EXPECT_DOUBLE_EQ(r.peak_to_mean, e.peakToMean);
+    EXPECT_EQ(r.far_excluded_frames, 1);
+    EXPECT_EQ(r.mic_excluded_frames, 0);
+}
+
+TEST(HostLibrary, BadArgumentsAreRefused) {
+    std::vector<float> x(1600, 0.1f);
+    kvaec_delay_result r{};
+    const int64_t n = static_cast<int64_t>(x.size());
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, 800, 1.0, nullptr), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(nullptr, n, x.data(), n, 16000, 800, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), -1, x.data(), n, 16000, 800, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 0, 800, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, -1, 1.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, 800, NAN, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(x.data(), n, x.data(), n, 16000, 800, 0.0, &r), -1);
+    EXPECT_EQ(kvaec_host_estimate_delay(nullptr, 0, nullptr, 0, 16000, 800, 1.0, &r), 0);
+    EXPECT_EQ(r.found, 0);
+    EXPECT_EQ(kvaec_host_usable_frames(x.data(), n, 16000, nullptr), -1);
+    EXPECT_EQ(kvaec_host_count_finite(nullptr, 5), 0);
+}
+
+TEST(HostLibrary, UsableFramesMarksNonFiniteAndBurstFrames) {
+    std::vector<float> x = noise(30, 16000 + 80);  // 100 whole frames and a partial one
+    x[161] = NAN;            // frame 1
+    x[50 * 160] = 1e30f;     // frame 50
+    for (int i = 0; i < 160; ++i) x[70 * 160 + i] = 5.0f;  // frame 70: 34 dB above the rest
+    x[16000 + 10] = NAN;     // partial frame: not marked
+    std::vector<uint8_t> u(100, 7);
+    EXPECT_EQ(kvaec_host_usable_frames(x.data(), static_cast<int64_t>(x.size()), 16000, u.data()), 97);
+    for (int k = 0; k < 100; ++k) EXPECT_EQ(u[static_cast<size_t>(k)], (k == 1 || k == 50 || k == 70) ? 0 : 1) << k;
+    EXPECT_EQ(kvaec_host_count_finite(x.data(), static_cast<int64_t>(x.size())), 16078);
 }
 
 TEST(RoomModel, ReflectionCoefficientFollowsSabine) {

@@ -4,13 +4,18 @@
 #include <sndfile.h>
 
 #include <cerrno>
+#include <climits>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "common.h"
+#include "delay.h"
 
 namespace kvaec::tool {
 
@@ -28,13 +33,132 @@ std::string baseOf(const std::string &path) {
     return p == std::string::npos ? path : path.substr(p + 1);
 }
 
+const char *kindOf(mode_t m) {
+    if (S_ISFIFO(m)) return "a FIFO";
+    if (S_ISCHR(m)) return "a character device";
+    if (S_ISBLK(m)) return "a block device";
+    if (S_ISSOCK(m)) return "a socket";
+    if (S_ISDIR(m)) return "a directory";
+    return "not a regular file";
+}
+
+// Temporary files of all live output sets, for the signal handler: fixed
+// storage, so that the handler only reads memory and calls unlink().
+constexpr int kMaxTemps = 32;
+char gTemps[kMaxTemps][PATH_MAX];
+volatile sig_atomic_t gTempUsed[kMaxTemps];
+
+// Blocks SIGINT and SIGTERM while the registry changes.
+class SignalBlock {
+public:
+    SignalBlock() {
+        sigset_t s;
+        sigemptyset(&s);
+        sigaddset(&s, SIGINT);
+        sigaddset(&s, SIGTERM);
+        sigprocmask(SIG_BLOCK, &s, &old_);
+    }
+    ~SignalBlock() { sigprocmask(SIG_SETMASK, &old_, nullptr); }
+private:
+    sigset_t old_;
+};
+
+void registerTemp(const std::string &path) {
+    SignalBlock b;
+    for (int i = 0; i < kMaxTemps; ++i)
+        if (!gTempUsed[i] && path.size() < PATH_MAX) {
+            std::memcpy(gTemps[i], path.c_str(), path.size() + 1);
+            gTempUsed[i] = 1;
+            return;
+        }
+}
+
+void unregisterTemp(const std::string &path) {
+    SignalBlock b;
+    for (int i = 0; i < kMaxTemps; ++i)
+        if (gTempUsed[i] && path == gTemps[i]) {
+            gTempUsed[i] = 0;
+            return;
+        }
+}
+
+void onInterrupt(int sig) {
+    for (int i = 0; i < kMaxTemps; ++i)
+        if (gTempUsed[i]) ::unlink(gTemps[i]);
+    const char *msg = sig == SIGINT ? "\nkvaec: interrupted (SIGINT); no output written, temporary files removed\n"
+                                    : "\nkvaec: terminated (SIGTERM); no output written, temporary files removed\n";
+    const ssize_t r = ::write(2, msg, std::strlen(msg));
+    (void)r;
+    // End with the signal itself, so that the parent sees the interruption.
+    std::signal(sig, SIG_DFL);
+    ::raise(sig);
+}
+
+std::string tempDirectory() {
+    const char *t = std::getenv("TMPDIR");
+    return t && *t ? t : "/tmp";
+}
+
+// Lines of libsndfile's header log that say a declared size disagrees with
+// the file ("data : 128000 (should be 12800)").
+std::vector<std::string> headerMismatches(SNDFILE *f) {
+    std::vector<std::string> out;
+    char log[8192] = {0};
+    sf_command(f, SFC_GET_LOG_INFO, log, sizeof log);
+    const char *p = log;
+    while (*p) {
+        const char *e = std::strchr(p, '\n');
+        const std::string line(p, e ? static_cast<size_t>(e - p) : std::strlen(p));
+        if (line.find("(should be") != std::string::npos) {
+            std::string t = line;
+            while (!t.empty() && (t.front() == ' ' || t.front() == '\t')) t.erase(t.begin());
+            out.push_back(t);
+        }
+        if (!e) break;
+        p = e + 1;
+    }
+    return out;
+}
+
 }  // namespace
 
-Audio readAudio(const std::string &path) {
+FileId fileId(const std::string &path) {
+    FileId id;
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0) {
+        id.exists = true;
+        id.dev = static_cast<unsigned long long>(st.st_dev);
+        id.ino = static_cast<unsigned long long>(st.st_ino);
+        return id;
+    }
+    char buf[PATH_MAX];
+    const std::string dir = dirOf(path);
+    id.resolved = (::realpath(dir.c_str(), buf) ? std::string(buf) : dir) + "/" + baseOf(path);
+    return id;
+}
+
+void installInterruptHandler() {
+    struct sigaction sa {};
+    sa.sa_handler = onInterrupt;
+    sigemptyset(&sa.sa_mask);
+    sigaddset(&sa.sa_mask, SIGINT);
+    sigaddset(&sa.sa_mask, SIGTERM);
+    sa.sa_flags = 0;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+Audio readAudio(const std::string &path, std::vector<std::string> *warnings) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0)
         throw ToolError("cannot open '" + path + "': " + std::strerror(errno));
     if (S_ISDIR(st.st_mode)) throw ToolError("'" + path + "' is a directory, not an audio file");
+    // A FIFO or a device is refused before it is opened: opening a FIFO
+    // without a writer would wait for ever, and the whole file is needed
+    // (length, delay estimate) before processing starts.
+    if (!S_ISREG(st.st_mode))
+        throw ToolError("'" + path + "' is " + kindOf(st.st_mode) +
+                        ", not a regular file: inputs must be audio files (save the stream to a file first)");
     if (::access(path.c_str(), R_OK) != 0)
         throw ToolError("cannot read '" + path + "': " + std::strerror(errno));
     SF_INFO info{};
@@ -47,6 +171,11 @@ Audio readAudio(const std::string &path) {
         sf_close(f);
         throw ToolError("'" + path + "' has no usable sample rate or channel count");
     }
+    if (warnings)
+        for (const std::string &m : headerMismatches(f))
+            warnings->push_back("'" + path + "': the header disagrees with the file's size (" + m +
+                                "): truncated or damaged file; using the " + std::to_string(info.frames) +
+                                " sample frames present");
     a.samples.resize(static_cast<size_t>(info.frames) * static_cast<size_t>(info.channels));
     const sf_count_t got = sf_readf_float(f, a.samples.data(), info.frames);
     sf_close(f);
@@ -91,8 +220,19 @@ std::vector<float> resample(const std::vector<float> &x, int fromRate, int toRat
 
 std::vector<float> loadSignal(const std::string &path, const std::string &what, int channel, int rate,
                               bool allowResample, std::vector<std::string> &notes) {
-    const Audio a = readAudio(path);
+    std::vector<std::string> warnings;
+    const Audio a = readAudio(path, &warnings);
+    for (const std::string &w : warnings) warn(w);
     std::vector<float> x = pickChannel(a, channel, what + " '" + path + "'");
+    long finite = 0;
+    for (float v : x) finite += std::isfinite(v) ? 1 : 0;
+    if (finite == 0)
+        throw ToolError(what + " '" + path + "' holds no usable samples (all " + std::to_string(x.size()) +
+                        " are NaN or infinite)");
+    // The resampler would spread a non-finite sample over its whole filter.
+    if (finite < static_cast<long>(x.size()) && a.rate != rate)
+        for (float &v : x)
+            if (!std::isfinite(v)) v = 0.0f;
     if (a.rate != rate) {
         if (!allowResample)
             throw ToolError(what + " '" + path + "' is sampled at " + std::to_string(a.rate) + " Hz; the canceller runs at " +
@@ -121,35 +261,103 @@ InputCheck checkInput(const std::vector<float> &x, int rate) {
         p += static_cast<double>(v) * v;
         ++n;
     }
-    c.rmsDb = n > 0 && p > 0 ? 10.0 * std::log10(p / static_cast<double>(n)) : -200.0;
+    (void)n;
+    // The level leaves out frames with non-finite samples or bursts, so that
+    // a few absurd values cannot make a recording look loud.
+    const std::vector<uint8_t> ok = usableFrames(x.data(), static_cast<long>(x.size()), rate);
+    const long frame = rate / 100;
+    double pu = 0;
+    long nu = 0;
+    for (size_t k = 0; k < ok.size(); ++k) {
+        if (!ok[k]) {
+            ++c.badFrames;
+            continue;
+        }
+        for (long i = 0; i < frame; ++i) {
+            const double v = x[k * static_cast<size_t>(frame) + static_cast<size_t>(i)];
+            pu += v * v;
+        }
+        nu += frame;
+    }
+    for (size_t i = ok.size() * static_cast<size_t>(frame); i < x.size(); ++i)
+        if (std::isfinite(x[i]) && std::fabs(x[i]) <= 1000.0f) {
+            pu += static_cast<double>(x[i]) * x[i];
+            ++nu;
+        }
+    c.rmsDb = nu > 0 && pu > 0 ? 10.0 * std::log10(pu / static_cast<double>(nu)) : -200.0;
     return c;
 }
 
 OutputSet::~OutputSet() {
     if (committed_) return;
     for (const Item &it : items_)
-        if (!it.temp.empty()) ::unlink(it.temp.c_str());
+        if (!it.temp.empty()) {
+            ::unlink(it.temp.c_str());
+            unregisterTemp(it.temp);
+        }
 }
 
-int OutputSet::add(const std::string &path) {
-    if (path.empty()) throw ToolError("empty output path");
-    const std::string dir = dirOf(path);
-    struct stat st {};
-    if (::stat(dir.c_str(), &st) != 0)
-        throw ToolError("cannot write '" + path + "': directory '" + dir + "': " + std::strerror(errno));
-    if (!S_ISDIR(st.st_mode)) throw ToolError("cannot write '" + path + "': '" + dir + "' is not a directory");
-    struct stat pst {};
-    if (::stat(path.c_str(), &pst) == 0 && S_ISDIR(pst.st_mode))
-        throw ToolError("cannot write '" + path + "': it is a directory");
+void OutputSet::protectInput(const std::string &path, const std::string &what) {
+    Input in{path, what, fileId(path)};
     for (const Item &it : items_)
-        if (it.path == path) throw ToolError("output '" + path + "' is named twice");
-    std::string tmpl = dir + "/." + baseOf(path) + ".XXXXXX";
+        if (it.id == in.id)
+            throw ToolError("output '" + it.path + "'" + (it.what.empty() ? "" : " (" + it.what + ")") +
+                            " is the input '" + path + "' (" + what + "): it would be overwritten; choose another output");
+    inputs_.push_back(in);
+}
+
+int OutputSet::add(const std::string &path, const std::string &what) {
+    if (path.empty()) throw ToolError("empty output path" + (what.empty() ? "" : " for " + what));
+    const std::string named = "'" + path + "'" + (what.empty() ? "" : " (" + what + ")");
+    const std::string dir = dirOf(path);
+    struct stat pst {};
+    const bool exists = ::stat(path.c_str(), &pst) == 0;
+    if (exists && S_ISDIR(pst.st_mode)) throw ToolError("cannot write " + named + ": it is a directory");
+    const bool special = exists && !S_ISREG(pst.st_mode);
+    Item item{path, what, "", fileId(path), special, false};
+    for (const Input &in : inputs_)
+        if (in.id == item.id)
+            throw ToolError("output " + named + " is the input '" + in.path + "' (" + in.what +
+                            "): it would be overwritten; choose another output");
+    for (const Item &it : items_)
+        if (it.id == item.id && !(special && S_ISCHR(pst.st_mode)))
+            throw ToolError("output " + named + " and output '" + it.path + "'" +
+                            (it.what.empty() ? "" : " (" + it.what + ")") + " are the same file");
+    std::string tmpl;
+    if (special) {
+        // Written into, never renamed over: check now that it can be opened
+        // for writing (a FIFO needs a reader already, so nothing waits).
+        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK);
+        if (fd < 0) {
+            if (errno == ENXIO)
+                throw ToolError("cannot write " + named + ": it is a FIFO with no reader (start the reader first)");
+            throw ToolError("cannot write " + named + ": " + std::strerror(errno));
+        }
+        ::close(fd);
+        tmpl = tempDirectory() + "/kvaec-" + baseOf(path) + ".XXXXXX";
+    } else {
+        struct stat st {};
+        if (::stat(dir.c_str(), &st) != 0)
+            throw ToolError("cannot write " + named + ": directory '" + dir + "': " + std::strerror(errno));
+        if (!S_ISDIR(st.st_mode)) throw ToolError("cannot write " + named + ": '" + dir + "' is not a directory");
+        tmpl = dir + "/." + baseOf(path) + ".XXXXXX";
+    }
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
-    const int fd = ::mkstemp(buf.data());
-    if (fd < 0) throw ToolError("cannot write '" + path + "': " + std::strerror(errno));
+    int fd;
+    {
+        // Created and registered with the signals held back, so that an
+        // interrupt in between cannot leave it behind.
+        SignalBlock b;
+        fd = ::mkstemp(buf.data());
+        if (fd >= 0) registerTemp(buf.data());
+    }
+    if (fd < 0)
+        throw ToolError("cannot write " + named + (special ? " (temporary file in " + tempDirectory() + ")" : "") +
+                        ": " + std::strerror(errno));
     ::close(fd);
-    items_.push_back(Item{path, std::string(buf.data()), false});
+    item.temp = buf.data();
+    items_.push_back(item);
     return static_cast<int>(items_.size()) - 1;
 }
 
@@ -179,16 +387,63 @@ void OutputSet::writeText(int index, const std::string &text) {
     it.written = true;
 }
 
+namespace {
+
+// Copies the finished temporary file into an existing special file.
+void copyInto(const std::string &from, const std::string &to) {
+    const int in = ::open(from.c_str(), O_RDONLY);
+    if (in < 0) throw ToolError("cannot read the finished output for '" + to + "': " + std::strerror(errno));
+    const int out = ::open(to.c_str(), O_WRONLY);
+    if (out < 0) {
+        const int e = errno;
+        ::close(in);
+        throw ToolError("cannot write '" + to + "': " + std::strerror(e));
+    }
+    char buf[65536];
+    bool ok = true;
+    for (;;) {
+        const ssize_t n = ::read(in, buf, sizeof buf);
+        if (n <= 0) {
+            ok = n == 0;
+            break;
+        }
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w = ::write(out, buf + done, static_cast<size_t>(n - done));
+            if (w < 0) {
+                if (errno == EINTR) continue;
+                ok = false;
+                break;
+            }
+            done += w;
+        }
+        if (!ok) break;
+    }
+    const int e = errno;
+    ::close(in);
+    if (::close(out) != 0) ok = false;
+    if (!ok) throw ToolError("writing '" + to + "' failed: " + std::strerror(e));
+}
+
+}  // namespace
+
 void OutputSet::commit() {
     for (Item &it : items_)
         if (!it.written) throw ToolError("internal: output '" + it.path + "' was never written");
     for (Item &it : items_) {
+        if (it.special) {
+            copyInto(it.temp, it.path);
+            ::unlink(it.temp.c_str());
+            unregisterTemp(it.temp);
+            it.temp.clear();
+            continue;
+        }
         // Temporary files are created 0600; give outputs the usual mode.
         const mode_t mask = ::umask(0);
         ::umask(mask);
         ::chmod(it.temp.c_str(), 0666 & ~mask);
         if (std::rename(it.temp.c_str(), it.path.c_str()) != 0)
             throw ToolError("cannot rename the finished output to '" + it.path + "': " + std::strerror(errno));
+        unregisterTemp(it.temp);
         it.temp.clear();
     }
     committed_ = true;

@@ -24,8 +24,11 @@ struct Audio {
 };
 
 // Reads `path`. Throws ToolError with a clear message when the file is
-// missing, is not a regular readable file, or is not audio.
-Audio readAudio(const std::string &path);
+// missing, is not a regular readable file (a FIFO or a device is refused
+// without being opened, so nothing waits for a writer), or is not audio.
+// A header that disagrees with the file's size (a truncated or damaged
+// file) is reported in `warnings`; the samples present are used.
+Audio readAudio(const std::string &path, std::vector<std::string> *warnings = nullptr);
 
 // Picks one channel. `channel` is 1-based; 0 means "not given", which is only
 // accepted for mono files (a multi-channel file needs an explicit choice).
@@ -37,7 +40,8 @@ std::vector<float> resample(const std::vector<float> &x, int fromRate, int toRat
 
 // Reads a mono signal at `rate`: picks the channel, resamples when the file
 // has another rate (and appends a note to `notes`), or throws when
-// `allowResample` is false.
+// `allowResample` is false. Header warnings are printed at once. Throws when
+// the channel holds no finite sample (nothing usable).
 std::vector<float> loadSignal(const std::string &path, const std::string &what, int channel, int rate,
                               bool allowResample, std::vector<std::string> &notes);
 
@@ -46,15 +50,37 @@ struct InputCheck {
     long clipped = 0;        // samples with magnitude >= 0.999
     double firstClipSec = -1;
     long nonFinite = 0;      // NaN or infinite samples
-    double rmsDb = -200.0;   // level over the whole signal, dBFS (10 log10 of the mean power)
+    double rmsDb = -200.0;   // level over the usable frames, dBFS (10 log10 of the mean power)
+    long badFrames = 0;      // 10 ms frames left out of the level: non-finite samples or bursts
 };
 InputCheck checkInput(const std::vector<float> &x, int rate);
+
+// Identity of a file for the "same file" tests: device and inode when it
+// exists (so hard links, symbolic links and "a/../a" spellings all match),
+// else the path with its directory resolved.
+struct FileId {
+    bool exists = false;
+    unsigned long long dev = 0, ino = 0;
+    std::string resolved;
+    bool operator==(const FileId &o) const {
+        return exists == o.exists && (exists ? dev == o.dev && ino == o.ino : resolved == o.resolved);
+    }
+};
+FileId fileId(const std::string &path);
 
 // A set of output files written as temporary files in their target
 // directories and renamed into place only by commit(). The temporary files
 // are created when an output is added, so an output path that cannot be
 // written fails at once, before any processing. Whatever was not committed
-// is removed by the destructor.
+// is removed by the destructor, and by the handler of SIGINT and SIGTERM
+// (installed by installInterruptHandler()).
+//
+// Outputs never replace inputs: every input is registered with
+// protectInput() and every output is compared with the inputs and the other
+// outputs by FileId; a clash is an error before any work. An output that
+// exists and is not a regular file (a device such as /dev/null, a FIFO) is
+// never renamed over: its temporary file lives in the temporary directory
+// and commit() copies it into the existing file.
 class OutputSet {
 public:
     OutputSet() = default;
@@ -62,9 +88,13 @@ public:
     OutputSet &operator=(const OutputSet &) = delete;
     ~OutputSet();
 
-    // Reserves `path` (throws ToolError when its directory is not writable).
+    // Registers an input (`what`: how messages name it, e.g. "--far").
+    // Throws when an output already added is the same file.
+    void protectInput(const std::string &path, const std::string &what);
+    // Reserves `path` (throws ToolError when its directory is not writable,
+    // or it is an input or another output). `what` names the option.
     // Returns the index to pass to the write functions.
-    int add(const std::string &path);
+    int add(const std::string &path, const std::string &what = "");
     // Writes a mono WAV (32-bit float, or 16-bit PCM) to the temporary file.
     void writeWav(int index, const std::vector<float> &x, int rate, bool pcm16 = false);
     // Writes text to the temporary file.
@@ -72,18 +102,32 @@ public:
     // Temporary file of an output (for writers outside this class).
     const std::string &tempPath(int index) const { return items_.at(static_cast<size_t>(index)).temp; }
     const std::string &finalPath(int index) const { return items_.at(static_cast<size_t>(index)).path; }
-    // Renames every temporary file to its final name.
+    // Renames every temporary file to its final name (copies it into a
+    // special file).
     void commit();
 
 private:
     struct Item {
         std::string path;
+        std::string what;
         std::string temp;
+        FileId id;
+        bool special = false;  // existing non-regular file: written into, never renamed over
         bool written = false;
     };
+    struct Input {
+        std::string path, what;
+        FileId id;
+    };
     std::vector<Item> items_;
+    std::vector<Input> inputs_;
     bool committed_ = false;
 };
+
+// Installs handlers of SIGINT and SIGTERM that remove every temporary file of
+// every live OutputSet, say so on stderr and end the program with the signal
+// (shell status 128 + signal number: 130 for Ctrl-C, 143 for SIGTERM).
+void installInterruptHandler();
 
 // Writes a mono WAV atomically (temporary file in the same directory, then rename).
 void writeWavAtomic(const std::string &path, const std::vector<float> &x, int rate, bool pcm16 = false);

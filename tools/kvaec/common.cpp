@@ -5,9 +5,22 @@
 #include <cstdio>
 #include <unistd.h>
 
+#include "audio_io.h"
 #include "kvaec_records.h"
 
 namespace kvaec::tool {
+
+void checkSettings(const Settings &s) {
+    if (const char *why = kvaec_cfg_check(&s.cfg)) throw ToolError(std::string("invalid configuration: ") + why);
+    if (s.nlpParamSet && !std::isfinite(s.nlpParam))
+        throw ToolError("invalid setting: fNlpParam: must be a finite number (dB)");
+}
+
+void reloadCanceller(const Settings &s) {
+    unsigned cmd = KVAEC_CMD_RESET | KVAEC_CMD_LOAD_CFG | s.mode;
+    if (s.nlpParamSet) cmd |= KVAEC_CMD_SET_NLP_PARAM;
+    aecx_control(cmd, &s.cfg, s.nlpParam);
+}
 
 void startCanceller(const Settings &s) {
     aecx_init(&s.cfg);

@@ -13,9 +13,9 @@ namespace kvaec::tool {
 constexpr int kRate = KVAEC_SAMPLE_RATE;
 constexpr int kFrame = KVAEC_FRAME_SAMPLES;
 // Delay of the receive path through the library (samples).
-constexpr int kRinDelay = 40;
+constexpr int kRinDelay = KVAEC_RCV_DELAY_SAMPLES;
 // Delay of the send path through the library (samples).
-constexpr int kSinDelay = 120;
+constexpr int kSinDelay = KVAEC_SND_DELAY_SAMPLES;
 
 // Canceller settings: the configuration record, the mode word and the NLP value.
 struct Settings {
@@ -26,9 +26,20 @@ struct Settings {
     bool applyEq = true;  // run the profile equalizers around the canceller
 };
 
+// Refuses settings the library would not run well with: the configuration
+// record is checked by kvaec_cfg_check (the message names the field and its
+// range), the NLP value must be finite. Throws ToolError.
+void checkSettings(const Settings &s);
+
 // Brings the library to the settings: aecx_init with the configuration,
-// then the mode word (and the NLP value when given).
+// then the mode word (and the NLP value when given). The settings must have
+// passed checkSettings.
 void startCanceller(const Settings &s);
+
+// Resets the canceller and reloads the settings (configuration, NLP value,
+// mode word): what a host does after a failed self-test, so that nothing a
+// fault left in the instance survives the reset.
+void reloadCanceller(const Settings &s);
 
 // Messages on stderr, prefixed "kvaec: ".
 void warn(const std::string &msg);

@@ -1,5 +1,6 @@
 #include "health.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -23,9 +24,17 @@ bool HealthWatch::afterFrame(long frame, float *rin, float *sin, int alreadyClea
     if (every_ > 0 && (frame + 1) % every_ == 0) bist = aecx_bist();
     if (bad == 0 && bist <= 0) return false;
     if (bist < 0) bist = aecx_bist();
-    aecx_control(KVAEC_CMD_RESET | mode_, nullptr, 0.0f);
+    reloadCanceller(settings_);
     events_.push_back(HealthEvent{frame, static_cast<double>(frame) * KVAEC_FRAME_SAMPLES / KVAEC_SAMPLE_RATE, bad, bist});
     return true;
+}
+
+bool HealthWatch::nearReset(long frame, long before, long after) const {
+    // Events come in frame order: the first one not before frame - after
+    // decides.
+    const auto it = std::lower_bound(events_.begin(), events_.end(), frame - after,
+                                     [](const HealthEvent &e, long f) { return e.frame < f; });
+    return it != events_.end() && it->frame <= frame + before;
 }
 
 std::string HealthWatch::summary() const {

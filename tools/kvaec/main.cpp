@@ -3,7 +3,9 @@
 //   kvaec simulate  the canceller in a simulated closed loop
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 
 #include "audio_io.h"
@@ -16,34 +18,34 @@ namespace {
 // Options shared by both commands: the configuration record, the mode bits
 // and the NLP value, under the library's own names.
 void addCanceller(CLI::App *c, Settings &s, bool process) {
+    // Ranges are checked by the library (kvaec_cfg_check) before any work,
+    // so that every host refuses the same values with the same reason.
     const AEC_tCfg &d = AEC_DefaultCfg;
     auto num = [](double v) { return fmt("%g", v); };
     c->add_option("--erl-init-db,--fErlInitDb", s.cfg.fErlInitDb,
-                  "fErlInitDb, dB: initial per-strip echo-path gain, also the ERL floor (default " + num(d.fErlInitDb) + ")")
+                  "fErlInitDb, dB, -40..10: initial per-strip echo-path gain, also the ERL floor (default " + num(d.fErlInitDb) + ")")
         ->group("Configuration (AEC_tCfg)");
     c->add_option("--nlp-att-max-db,--fNlpAttMaxDb", s.cfg.fNlpAttMaxDb,
-                  "fNlpAttMaxDb, dB: upper NLP attenuation level (default " + num(d.fNlpAttMaxDb) + ")")
+                  "fNlpAttMaxDb, dB, 0..80: upper NLP attenuation level (default " + num(d.fNlpAttMaxDb) + ")")
         ->group("Configuration (AEC_tCfg)");
     c->add_option("--nlp-att-min-db,--fNlpAttMinDb", s.cfg.fNlpAttMinDb,
-                  "fNlpAttMinDb, dB: lower NLP attenuation level (default " + num(d.fNlpAttMinDb) + ")")
+                  "fNlpAttMinDb, dB, 0..fNlpAttMaxDb: lower NLP attenuation level (default " + num(d.fNlpAttMinDb) + ")")
         ->group("Configuration (AEC_tCfg)");
     c->add_option("--dtd-margin-db,--fDtdMarginDb", s.cfg.fDtdMarginDb,
-                  "fDtdMarginDb, dB: double-talk and NLP margin (default " + num(d.fDtdMarginDb) + ")")
+                  "fDtdMarginDb, dB, 0..20: double-talk and NLP margin (default " + num(d.fDtdMarginDb) + ")")
         ->group("Configuration (AEC_tCfg)");
     c->add_option("--level-floor-db,--fLevelFloorDb", s.cfg.fLevelFloorDb,
-                  "fLevelFloorDb, dB: level below which a signal counts as absent (default " + num(d.fLevelFloorDb) + ")")
+                  "fLevelFloorDb, dB, -120..-50: level below which a signal counts as absent (default " + num(d.fLevelFloorDb) + ")")
         ->group("Configuration (AEC_tCfg)");
     c->add_option("--nr-level,--fNrLevelDb", s.cfg.fNrLevelDb,
                   "fNrLevelDb, 0..1: noise-reduction strength, 0 = off, 1 = strongest (default " + num(d.fNrLevelDb) + ")")
-        ->check(CLI::Range(0.0, 1.0))
         ->group("Configuration (AEC_tCfg)");
     c->add_option("--rin-level-ref-db,--fRinLevelRefDb", s.cfg.fRinLevelRefDb,
-                  "fRinLevelRefDb, dB: receive-level reference (default " + num(d.fRinLevelRefDb) + ")")
+                  "fRinLevelRefDb, dB, -20..150: receive-level reference (default " + num(d.fRinLevelRefDb) + ")")
         ->group("Configuration (AEC_tCfg)");
     c->add_option("--profile,--iProfile", s.cfg.iProfile,
-                  "iProfile, integer: acoustic profile, 0 none, 1..4 equalizer curves, 5/6 echo tail rules (default " +
+                  "iProfile, integer 0..6: acoustic profile, 0 none, 1..4 equalizer curves, 5/6 echo tail rules (default " +
                       std::to_string(d.iProfile) + ")")
-        ->check(CLI::Range(0, 6))
         ->group("Configuration (AEC_tCfg)");
     auto bit = [&](const char *name, unsigned v, const std::string &text) {
         c->add_flag_callback(name, [&s, v] { s.mode |= v; }, text)->group("Mode bits (aecx_control)");
@@ -70,9 +72,22 @@ void addCanceller(CLI::App *c, Settings &s, bool process) {
                          "do not run aecx_spkeq/aecx_miceq around the canceller (they act for profiles 1..4 only)");
 }
 
+// --channel N: a channel number counted from 1, with a message that says so.
+const CLI::Validator kChannel(
+    [](std::string &v) -> std::string {
+        char *end = nullptr;
+        errno = 0;
+        const long n = std::strtol(v.c_str(), &end, 10);
+        if (v.empty() || *end != '\0' || errno != 0 || n < 1 || n > 65535)
+            return "a channel number counted from 1 (1 = the first channel) is needed, not '" + v + "'";
+        return {};
+    },
+    "N >= 1");
+
 }  // namespace
 
 int main(int argc, char **argv) {
+    installInterruptHandler();
     CLI::App app{"kvaec - command-line front end of libkvaec, the sub-band acoustic echo canceller (16 kHz, 10 ms frames)"};
     app.require_subcommand(1);
     app.set_version_flag("--version", fmt("kvaec %d.%d.%d", KVAEC_VERSION_MAJOR, KVAEC_VERSION_MINOR, KVAEC_VERSION_PATCH));
@@ -93,7 +108,7 @@ int main(int argc, char **argv) {
     proc->add_option("--max-delay", pa.maxDelayMs, "ms, search range of the delay estimate")
         ->check(CLI::Range(1.0, 5000.0))
         ->capture_default_str();
-    proc->add_option("--channel", pa.channel, "channel to use (1-based) of multi-channel inputs")->check(CLI::PositiveNumber);
+    proc->add_option("--channel", pa.channel, "channel to use (1-based) of multi-channel inputs")->check(kChannel);
     proc->add_flag("--no-resample", pa.noResample, "fail instead of resampling inputs that are not at 16 kHz");
     proc->add_flag("--pcm16", pa.pcm16, "write 16-bit PCM instead of 32-bit float WAV");
     proc->add_flag("-q,--quiet", pa.quiet, "no progress bar");
@@ -124,7 +139,7 @@ int main(int argc, char **argv) {
         "--duration", [&sa](const double &v) { sa.duration = v; sa.durationGiven = true; },
         "length, s (default 20, or the length of --far)");
     sim->add_option("--seed", sa.seed, "seed of the generated signals")->capture_default_str();
-    sim->add_option("--channel", sa.channel, "channel to use (1-based) of multi-channel inputs")->check(CLI::PositiveNumber);
+    sim->add_option("--channel", sa.channel, "channel to use (1-based) of multi-channel inputs")->check(kChannel);
     sim->add_flag("--no-resample", sa.noResample, "fail instead of resampling inputs that are not at 16 kHz");
     sim->add_flag("--no-plot", sa.noPlot, "do not draw plot.png");
     sim->add_flag("--no-espeak", sa.noEspeak, "use the built-in speech-like signal even when espeak-ng is installed");

@@ -37,17 +37,42 @@ double parseMs(const std::string &s) {
     return v;
 }
 
+// Replaces non-finite samples by silence; returns how many there were.
+long silenceNonFinite(std::vector<float> &x) {
+    long n = 0;
+    for (float &v : x)
+        if (!std::isfinite(v)) {
+            v = 0.0f;
+            ++n;
+        }
+    return n;
+}
+
+// Whether the `len` samples of `x` from `from` on (any part may lie outside
+// it) touch an unusable 10 ms frame of x.
+bool touchesBad(const std::vector<uint8_t> &usable, long from, long len) {
+    const long lo = std::max(from, 0L) / kFrame, hi = (from + len - 1) / kFrame;
+    for (long f = lo; f <= hi && f < static_cast<long>(usable.size()); ++f)
+        if (f >= 0 && !usable[static_cast<size_t>(f)]) return true;
+    return false;
+}
+
 }  // namespace
 
 int runProcess(const ProcessArgs &a) {
     std::vector<std::string> notes;
-    // Reserve the outputs first: an unwritable path fails before any work.
+    checkSettings(a.settings);
+    const double givenMs = a.delay == "auto" ? -1.0 : parseMs(a.delay);
+    // Reserve the outputs first: an unwritable path, or one that is an input,
+    // fails before any work.
     OutputSet outs;
-    const int outIdx = outs.add(a.out);
-    const int farOutIdx = a.farOut.empty() ? -1 : outs.add(a.farOut);
+    outs.protectInput(a.far, "--far");
+    outs.protectInput(a.mic, "--mic");
+    const int outIdx = outs.add(a.out, "--out");
+    const int farOutIdx = a.farOut.empty() ? -1 : outs.add(a.farOut, "--far-out");
 
-    const std::vector<float> far = loadSignal(a.far, "far-end file", a.channel, kRate, !a.noResample, notes);
-    const std::vector<float> mic = loadSignal(a.mic, "microphone file", a.channel, kRate, !a.noResample, notes);
+    std::vector<float> far = loadSignal(a.far, "far-end file", a.channel, kRate, !a.noResample, notes);
+    std::vector<float> mic = loadSignal(a.mic, "microphone file", a.channel, kRate, !a.noResample, notes);
     for (const std::string &n : notes) note(n);
 
     const long farLen = static_cast<long>(far.size()), micLen = static_cast<long>(mic.size());
@@ -57,6 +82,10 @@ int runProcess(const ProcessArgs &a) {
                  static_cast<double>(farLen) / kRate, static_cast<double>(micLen) / kRate));
 
     const InputCheck cf = checkInput(far, kRate), cm = checkInput(mic, kRate);
+    // Microphone frames left out of the figures: non-finite samples or bursts
+    // (flagged before the non-finite samples become silence below).
+    const std::vector<uint8_t> micUsable = usableFrames(mic.data(), micLen, kRate);
+    const std::vector<uint8_t> farUsable = usableFrames(far.data(), farLen, kRate);
     if (cf.rmsDb < -70.0)
         warn(fmt("the far end is silent (%.1f dBFS): there is no echo reference, the canceller can only "
                  "suppress noise", cf.rmsDb));
@@ -65,8 +94,11 @@ int runProcess(const ProcessArgs &a) {
     if (cm.clipped > 0)
         warn(fmt("microphone input clips: %ld samples at full scale, first at %.2f s (clipped echo cannot be "
                  "cancelled fully)", cm.clipped, cm.firstClipSec));
-    if (cf.nonFinite > 0) warn(fmt("far-end input holds %ld non-finite samples", cf.nonFinite));
-    if (cm.nonFinite > 0) warn(fmt("microphone input holds %ld non-finite samples", cm.nonFinite));
+    if (cf.nonFinite > 0)
+        warn(fmt("far-end input holds %ld non-finite samples: processed as silence", silenceNonFinite(far)));
+    if (cm.nonFinite > 0)
+        warn(fmt("microphone input holds %ld non-finite samples: processed as silence, left out of the figures",
+                 silenceNonFinite(mic)));
 
     // Bulk delay of the recording.
     long bulk = 0;
@@ -74,6 +106,9 @@ int runProcess(const ProcessArgs &a) {
     if (a.delay == "auto") {
         const DelayEstimate e = estimateDelay(far, mic, kRate, static_cast<long>(a.maxDelayMs * kRate / 1000.0),
                                               a.estimateSeconds);
+        if (e.farExcluded + e.micExcluded > 0)
+            note(fmt("delay estimate: %ld far-end and %ld microphone frames with bursts left out", e.farExcluded,
+                     e.micExcluded));
         if (e.found) {
             bulk = e.delay;
             delayText = fmt("%.2f ms (%ld samples, estimated on %.1f-%.1f s, peak/mean %.1f)",
@@ -86,7 +121,13 @@ int runProcess(const ProcessArgs &a) {
             delayText = "0 ms (no far-end activity to estimate from)";
         }
     } else {
-        bulk = static_cast<long>(std::lround(parseMs(a.delay) * kRate / 1000.0));
+        // A delay the microphone recording cannot hold is refused before
+        // anything is allocated for it.
+        const double micMs = 1000.0 * static_cast<double>(micLen) / kRate;
+        if (givenMs >= micMs)
+            throw ToolError(fmt("--delay %g ms is beyond the end of the microphone recording '%s' (%.1f ms): its "
+                                "echo would never appear in it", givenMs, a.mic.c_str(), micMs));
+        bulk = static_cast<long>(std::lround(givenMs * kRate / 1000.0));
         delayText = fmt("%.2f ms (%ld samples, given)", 1000.0 * static_cast<double>(bulk) / kRate, bulk);
     }
     const long margin = static_cast<long>(std::lround(a.delayMarginMs * kRate / 1000.0));
@@ -102,7 +143,7 @@ int runProcess(const ProcessArgs &a) {
     Settings st = a.settings;
     st.mode |= KVAEC_MODE_SEND_ONLY_LOSS;
     startCanceller(st);
-    HealthWatch health(st.mode);
+    HealthWatch health(st);
     Progress bar(frames, !a.quiet && micLen > 10L * kRate);
 
     // ERLE bookkeeping over frames where the far end (as the canceller sees it) is active.
@@ -131,7 +172,7 @@ int runProcess(const ProcessArgs &a) {
         aecx_process(rin, sin);
         if (health.afterFrame(k, rin, sin) && health.events().size() <= 10) {
             const HealthEvent &e = health.events().back();
-            warn(fmt("at %.2f s: %d non-finite output samples, self-test count %d; canceller reset (mode kept)",
+            warn(fmt("at %.2f s: %d non-finite output samples, self-test count %d; canceller reset and its settings reloaded",
                      e.timeSec, e.nonFiniteOut, e.bistCount));
         }
         if (st.applyEq) aecx_spkeq(rin);
@@ -161,6 +202,11 @@ int runProcess(const ProcessArgs &a) {
     // the same samples after the 120-sample send delay.
     for (long k = 0; k < frames; ++k) {
         if (!farActive[static_cast<size_t>(k)]) continue;
+        // Frames with bad input samples, and frames around a reset, would
+        // only measure the fault.
+        if (touchesBad(micUsable, k * kFrame - micShift, kFrame) ||
+            touchesBad(farUsable, k * kFrame - farShift, kFrame) || health.nearReset(k))
+            continue;
         const long m0 = k * kFrame + kSinDelay;
         if (m0 + kFrame > static_cast<long>(send.size())) break;
         double p = 0;
@@ -179,11 +225,11 @@ int runProcess(const ProcessArgs &a) {
     std::printf("real-time factor: %.4f (%.1f s of audio per second)\n", secs / dur, secs > 0 ? dur / secs : 0.0);
     std::printf("bulk delay:      %s\n", delayText.c_str());
     std::printf("alignment:       far end delayed %ld samples, microphone delayed %ld samples\n", farShift, micShift);
-    if (erleFrames > 0)
-        std::printf("ERLE:            %.1f dB over %ld frames with far-end activity\n",
-                    10.0 * std::log10((erleIn + 1e-20) / (erleOut + 1e-20)), erleFrames);
+    const double erle = 10.0 * std::log10((erleIn + 1e-20) / (erleOut + 1e-20));
+    if (erleFrames > 0 && std::isfinite(erle))
+        std::printf("ERLE:            %.1f dB over %ld frames with far-end activity\n", erle, erleFrames);
     else
-        std::printf("ERLE:            n/a (no frame with far-end activity)\n");
+        std::printf("ERLE:            n/a (no usable frame with far-end activity)\n");
     std::printf("%s\n", health.summary().c_str());
     std::printf("wrote:           %s%s%s\n", a.out.c_str(), a.farOut.empty() ? "" : ", ", a.farOut.c_str());
     return 0;

@@ -85,12 +85,42 @@ std::string runPlot(const std::string &csv, const std::string &png) {
 
 double sumDb(double num, double den) { return 10.0 * std::log10((num + 1e-20) / (den + 1e-20)); }
 
+// A figure in dB, or "n/a" when it is not a finite number.
+std::string dbText(double v, const char *f = "%.1f dB") { return std::isfinite(v) ? fmt(f, v) : std::string("n/a"); }
+
+void requireFinite(double v, const char *option) {
+    if (!std::isfinite(v)) throw ToolError(std::string(option) + " must be a finite number");
+}
+
+bool isNoiseKind(const std::string &k) { return k == "white" || k == "pink" || k == "babble"; }
+
+// Non-finite samples of a source become silence (with a warning).
+void silenceNonFinite(std::vector<float> &x, const std::string &what) {
+    long n = 0;
+    for (float &v : x)
+        if (!std::isfinite(v)) {
+            v = 0.0f;
+            ++n;
+        }
+    if (n > 0) warn(fmt("%s holds %ld non-finite samples: used as silence", what.c_str(), n));
+}
+
 }  // namespace
 
 int runSimulate(const SimulateArgs &a) {
+    // Settings and numbers first: nothing is created for a run that cannot start.
+    checkSettings(a.settings);
+    if (a.erlGiven) requireFinite(a.erlDb, "--erl");
+    if (a.snrGiven) requireFinite(a.snrDb, "--snr");
+    requireFinite(a.echoChangeAt, "--echo-change-at");
     ensureDirectory(a.dir);
     const std::string d = a.dir + "/";
     OutputSet outs;
+    // Inputs are protected: an output in the directory that is an input fails now.
+    if (!a.far.empty()) outs.protectInput(a.far, "--far");
+    if (!a.near.empty()) outs.protectInput(a.near, "--near");
+    if (!a.rir.empty()) outs.protectInput(a.rir, "--rir");
+    if (!a.noise.empty() && !isNoiseKind(a.noise)) outs.protectInput(a.noise, "--noise");
     const int oMic = outs.add(d + "mic.wav"), oSend = outs.add(d + "send.wav"), oPlayed = outs.add(d + "played.wav"),
               oEcho = outs.add(d + "echo.wav"), oFar = outs.add(d + "far.wav"), oNear = outs.add(d + "near.wav"),
               oCsv = outs.add(d + "frames.csv");
@@ -101,6 +131,7 @@ int runSimulate(const SimulateArgs &a) {
     std::string farSrc, nearSrc;
     if (!a.far.empty()) {
         far = loadSignal(a.far, "far-end file", a.channel, kRate, !a.noResample, notes);
+        silenceNonFinite(far, "far-end file '" + a.far + "'");
         farSrc = a.far;
     }
     const double T = a.durationGiven ? a.duration : (!far.empty() ? static_cast<double>(far.size()) / kRate : a.duration);
@@ -117,6 +148,7 @@ int runSimulate(const SimulateArgs &a) {
     const size_t dtTo = static_cast<size_t>(0.7 * static_cast<double>(N)) / kFrame * kFrame;
     if (!a.near.empty()) {
         near = loadSignal(a.near, "near-end file", a.channel, kRate, !a.noResample, notes);
+        silenceNonFinite(near, "near-end file '" + a.near + "'");
         nearSrc = a.near;
         near.resize(N, 0.0f);
     } else if (generated) {
@@ -138,6 +170,7 @@ int runSimulate(const SimulateArgs &a) {
         noise = makeNoise(noiseKind, a.seed + 7u, static_cast<double>(N) / kRate + 0.01, lev);
         if (noise.empty()) {
             noise = loadSignal(noiseKind, "noise file", a.channel, kRate, !a.noResample, notes);
+            silenceNonFinite(noise, "noise file '" + noiseKind + "'");
             double p = 0;
             for (float v : noise) p += static_cast<double>(v) * v;
             p /= static_cast<double>(noise.size());
@@ -170,6 +203,11 @@ int runSimulate(const SimulateArgs &a) {
     std::string pathSrc;
     if (!a.rir.empty()) {
         path = loadSignal(a.rir, "impulse-response file", a.channel, kRate, !a.noResample, notes);
+        // An echo path with a non-finite or absurd tap cannot be simulated.
+        for (size_t i = 0; i < path.size(); ++i)
+            if (!std::isfinite(path[i]) || std::fabs(path[i]) > 100.0f)
+                throw ToolError(fmt("impulse-response file '%s' holds an unusable tap %g at sample %zu (taps must "
+                                    "be finite, within +-100)", a.rir.c_str(), static_cast<double>(path[i]), i));
         if (a.erlGiven) scaleToErl(path, a.erlDb);
         path2 = path;
         path2.insert(path2.begin(), 16, 0.0f);  // the changed path: 1 ms later, opposite sign
@@ -222,7 +260,7 @@ int runSimulate(const SimulateArgs &a) {
         loop.setLoudspeaker([drive](float x) { return std::tanh(drive * x) / drive; });
     }
     startCanceller(st);
-    HealthWatch health(st.mode);
+    HealthWatch health(st);
     const long frames = static_cast<long>(N) / kFrame;
     const long changeFrame = a.echoChangeAt >= 0 ? std::lround(a.echoChangeAt * 100.0) : -1;
     std::vector<float> mic(N), send(N), played(N), echo(N), nearMic(N);
@@ -241,7 +279,7 @@ int runSimulate(const SimulateArgs &a) {
         const kvaec::sim::FrameStats fs = loop.step(&far[o], &nearMic[o], &send[o], &played[o]);
         if (health.afterFrame(k, &played[o], &send[o], cleared) && health.events().size() <= 10) {
             const HealthEvent &e = health.events().back();
-            warn(fmt("at %.2f s: %d non-finite output samples, self-test count %d; canceller reset (mode kept)",
+            warn(fmt("at %.2f s: %d non-finite output samples, self-test count %d; canceller reset and its settings reloaded",
                      e.timeSec, e.nonFiniteOut, e.bistCount));
         }
         std::copy(loop.lastEcho(), loop.lastEcho() + kFrame, &echo[o]);
@@ -278,18 +316,21 @@ int runSimulate(const SimulateArgs &a) {
                 (a.rir.empty() || a.erlGiven) ? fmt("%.1f dB", a.erlDb).c_str() : "as in the file",
                 a.nonlinear > 0 ? fmt("; loudspeaker drive %.2f", a.nonlinear).c_str() : "");
     std::printf("duration:         %.2f s (%ld frames)\n", static_cast<double>(N) / kRate, frames);
-    std::printf("ERLE over time (far end active, no near talker):\n");
+    std::printf("ERLE over time (far end active, no near talker%s):\n",
+                health.events().empty() ? "" : "; frames around a reset left out");
+    // Frames around a reset only measure the fault: the figures leave them out.
+    const auto usable = [&](long k) { return !health.nearReset(k); };
     const long seg = 200;
     for (long k0 = 0; k0 < frames; k0 += seg) {
         double e = 0, r = 0;
         long used = 0;
         for (long k = k0; k < std::min(frames, k0 + seg); ++k)
-            if (h[static_cast<size_t>(k)].farActive && !nearActive[static_cast<size_t>(k)]) {
+            if (h[static_cast<size_t>(k)].farActive && !nearActive[static_cast<size_t>(k)] && usable(k)) {
                 e += pEcho[static_cast<size_t>(k)];
                 r += pOut[static_cast<size_t>(k)];
                 ++used;
             }
-        if (used >= 20)
+        if (used >= 20 && std::isfinite(sumDb(e, r)))
             std::printf("  %5.1f-%5.1f s: %6.1f dB\n", static_cast<double>(k0) / 100, static_cast<double>(std::min(frames, k0 + seg)) / 100, sumDb(e, r));
         else
             std::printf("  %5.1f-%5.1f s:    n/a (%s)\n", static_cast<double>(k0) / 100, static_cast<double>(std::min(frames, k0 + seg)) / 100,
@@ -299,6 +340,7 @@ int runSimulate(const SimulateArgs &a) {
     long dtFrames = 0, dtFlagged = 0;
     for (long k = 0; k < frames; ++k) {
         const size_t i = static_cast<size_t>(k);
+        if (!usable(k)) continue;
         if (h[i].farActive && !nearActive[i]) {
             fe += pFar[i];
             fo += pOut[i];
@@ -312,11 +354,11 @@ int runSimulate(const SimulateArgs &a) {
             dtFlagged += h[i].doubleTalk ? 1 : 0;
         }
     }
-    std::printf("ERLE, whole run:  %.1f dB\n", sumDb(ee, eo));
-    std::printf("total echo loss:  %.1f dB (far-end input over send output, far end alone)\n", sumDb(fe, fo));
+    std::printf("ERLE, whole run:  %s\n", dbText(sumDb(ee, eo)).c_str());
+    std::printf("total echo loss:  %s (far-end input over send output, far end alone)\n", dbText(sumDb(fe, fo)).c_str());
     if (dtFrames > 0)
-        std::printf("double talk:      %.1f dB attenuation of the near talker (near-end level over send level); "
-                    "flagged in %.0f %% of %ld frames\n", sumDb(ne, no), 100.0 * static_cast<double>(dtFlagged) / static_cast<double>(dtFrames), dtFrames);
+        std::printf("double talk:      %s attenuation of the near talker (near-end level over send level); "
+                    "flagged in %.0f %% of %ld frames\n", dbText(sumDb(ne, no)).c_str(), 100.0 * static_cast<double>(dtFlagged) / static_cast<double>(dtFrames), dtFrames);
     else
         std::printf("double talk:      n/a (no frame with both talkers)\n");
     std::printf("%s\n", health.summary().c_str());
