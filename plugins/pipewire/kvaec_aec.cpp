@@ -17,7 +17,7 @@
 // it read-only), so all loss is on the send path (mode 0x40). When the echo
 // reaches the microphone earlier than the library's alignment rule needs
 // (kvaec_align_shift), the microphone is delayed by the deficit, found by
-// GCC-PHAT on the first seconds of far-end activity and again on later
+// libkvaec_host's estimate (GCC-PHAT, as the command-line tool) on the first seconds of far-end activity and again on later
 // stretches (so a moved echo path is followed). That delay adds to the
 // latency; it is logged and readable as the property kvaec.mic-delay.
 //
@@ -53,8 +53,8 @@
 #include <spa/utils/string.h>
 #include <speex/speex_resampler.h>
 
-#include "delay.h"
 #include "kvaec.h"
+#include "kvaec_host.h"
 #include "kvaec_aec.h"
 
 namespace {
@@ -372,28 +372,32 @@ void Impl::workerLoop() {
         estState.store(kBusy);
 
         const long maxDelay = KVAEC_PW_MAX_DELAY_MS * kRate / 1000;
-        const kvaec::tool::DelayEstimate e =
-            kvaec::tool::estimateDelay(estFar, estMic, kRate, maxDelay, KVAEC_PW_ESTIMATE_SECONDS);
-        if (e.found && e.peakToMean >= KVAEC_PW_MIN_PEAK_TO_MEAN) {
+        kvaec_delay_result e{};
+        const int rc = kvaec_host_estimate_delay(estFar.data(), static_cast<int64_t>(estFar.size()), estMic.data(),
+                                                 static_cast<int64_t>(estMic.size()), kRate,
+                                                 static_cast<int32_t>(maxDelay), KVAEC_PW_ESTIMATE_SECONDS, &e);
+        if (rc != 0) e.found = 0;
+        if (e.found && e.peak_to_mean >= KVAEC_PW_MIN_PEAK_TO_MEAN) {
             // The estimate is measured on the microphone before the deficit
             // delay, so it is the bulk delay itself.
-            const int32_t shift = kvaec_align_shift(static_cast<int32_t>(e.delay),
+            const int32_t shift = kvaec_align_shift(e.delay,
                                                     KVAEC_PW_DELAY_MARGIN_MS * kRate / 1000);
             const int want = std::max<int32_t>(shift, 0);
             if (want != shownShift || lastBulk.load() < 0)
                 logf(SPA_LOG_LEVEL_INFO,
                      "echo arrives %ld samples (16 kHz) after the far end (peak/mean %.1f): microphone delayed "
                      "by %d samples (%.2f ms); latency now %.2f ms",
-                     e.delay, e.peakToMean, want, 1000.0 * want / kRate,
+                     static_cast<long>(e.delay), e.peak_to_mean, want, 1000.0 * want / kRate,
                      1000.0 * fixedLatency / rate + 1000.0 * want / kRate);
             else
-                logf(SPA_LOG_LEVEL_DEBUG, "bulk delay %ld samples (peak/mean %.1f)", e.delay, e.peakToMean);
+                logf(SPA_LOG_LEVEL_DEBUG, "bulk delay %ld samples (peak/mean %.1f)", static_cast<long>(e.delay),
+                     e.peak_to_mean);
             shownShift = want;
             lastBulk.store(e.delay);
             newShift.store(want);
         } else {
             logf(SPA_LOG_LEVEL_DEBUG, "bulk delay estimate too weak (peak/mean %.1f); kept",
-                 e.found ? e.peakToMean : 0.0);
+                 e.found ? e.peak_to_mean : 0.0);
         }
         estState.store(kIdle);
     }
