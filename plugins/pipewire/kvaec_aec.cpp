@@ -628,6 +628,9 @@ int queueSettings(Impl *impl, const spa_dict *dict) {
     impl->pending = s;
     impl->pendingLoad = load;
     impl->hasPending = true;
+    impl->logf(SPA_LOG_LEVEL_INFO, "properties accepted: preset %s, mode 0x%x, microphone channel %d%s",
+               s.fullDuplex ? "full-duplex" : "default", s.mode, s.micChannel,
+               (load & KVAEC_CMD_LOAD_CFG) ? ", configuration reloaded" : "");
     return 0;
 }
 
