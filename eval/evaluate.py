@@ -312,6 +312,24 @@ def table(head, rows):
     return "\n".join(lines) + "\n"
 
 
+def _header_macro(name):
+    """A numeric macro of libkvaec's public header, read from the source tree."""
+    import re
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "include", "kvaec.h")) as f:
+        return int(re.search(r"#define %s (\d+)" % name, f.read()).group(1))
+
+
+# libkvaec's least echo delay after the receive output.
+KVAEC_ECHO_MIN_DELAY = _header_macro("KVAEC_ECHO_MIN_DELAY")
+
+
+def echo_delay_text(m):
+    if "echo_delay" not in m:
+        return "-"
+    d = int(m["echo_delay"])
+    return "%d samples%s" % (d, "" if d >= KVAEC_ECHO_MIN_DELAY else " (below %d)" % KVAEC_ECHO_MIN_DELAY)
+
+
 def write_report(args, scen, engines, metas, res, stats, runs, delay_note, plots, report, img, t_start, elapsed):
     sigs_far = {s: runs[(s, engines[0])].far for s in scen}
     rel = os.path.relpath(img, os.path.dirname(os.path.abspath(report)))
@@ -377,10 +395,18 @@ def write_report(args, scen, engines, metas, res, stats, runs, delay_note, plots
         if float(m.get("change_s", -1)) >= 0:
             seg.append("path change at %s s" % m["change_s"])
         rows.append([m["title"], "`%s`" % s, m["seconds"] + " s", m["rt60"] + " s", m["latency_ms"] + " ms",
+                     echo_delay_text(m),
                      m["keep_ms"] + " ms", m.get("cut_tail_db", "") + " dB", m["erl_db"] + " dB", clip,
                      "%s %s dBFS" % (m["noise"], m["noise_db"]), enr, m.get("far_voice", "-"),
                      m.get("near_voice", "-"), "; ".join(seg), m["seed"]])
-    L.append(table(["scenario", "id", "length", "RT60", "latency", "keep", "cut", "ERL", "loudspeaker compression", "noise",
+    L.append("The column 'echo delay' is the delay from a sample of an engine's played output to the "
+             "first arrival of its echo at the microphone (first tap of the path within 20 dB of the "
+             "largest). libkvaec cancels only echo that arrives at least %d samples after its receive "
+             "output (`KVAEC_ECHO_MIN_DELAY`, see docs/tools.md); a scenario below that is marked, "
+             "as libkvaec's figures there are limited by the timing, not by the canceller.\n"
+             % KVAEC_ECHO_MIN_DELAY)
+    L.append(table(["scenario", "id", "length", "RT60", "latency", "echo delay", "keep", "cut", "ERL",
+                    "loudspeaker compression", "noise",
                     "echo-to-noise", "far voice", "near voice", "segments", "seed"], rows))
 
     L.append("## Metrics\n")

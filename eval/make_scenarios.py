@@ -244,7 +244,12 @@ def build(outdir, sc):
     write(d, "nearmic.f32", near)
     write(d, "noise.f32", noise)
     write(d, "rir1.f32", h1)
+    # Echo delay after the output: samples from an engine's played output to
+    # the first arrival of its echo at the microphone (first tap within 20 dB
+    # of the largest); libkvaec needs KVAEC_ECHO_MIN_DELAY (280) or more.
+    echo_delay = int(np.argmax(np.abs(h1) >= 0.1 * np.abs(h1).max()))
     meta = dict(name=sc["name"], title=sc["title"], seconds=sc["seconds"], latency_ms=sc["latency_ms"],
+                echo_delay=echo_delay,
                 clip_drive=sc["clip_drive"], erl_db=sc["erl_db"], rt60=sc["rt60"], noise=sc["noise"],
                 noise_db=sc["noise_db"], keep_ms=sc["keep_ms"], seed=seed,
                 cut_tail_db="%.1f" % cut1,

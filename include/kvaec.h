@@ -161,6 +161,13 @@ KVAEC_API void aecx_init_tabs(void);
  *   sin: 160 send-path (microphone) samples; on return the echo-cancelled,
  *        suppressed send signal (delayed by 120 samples).
  * The buffers must not overlap. aecx_init() must have been called.
+ *
+ * Echo timing: the echo of a receive sample must reach the microphone input
+ * of a later call no earlier than KVAEC_ECHO_MIN_DELAY (280) samples after
+ * this function returned that sample in `rin`, or the canceller loses that
+ * part of the echo (see the measured table at KVAEC_ECHO_MIN_DELAY). A host
+ * whose loudspeaker-to-microphone latency is shorter delays the microphone
+ * signal by the difference; kvaec_align_shift() gives the shift.
  */
 KVAEC_API void aecx_process(float *rin, float *sin);
 
@@ -187,6 +194,14 @@ KVAEC_API void aecx_miceq(float *x);
  * arrival over some more samples: echo that arrives earlier than this is
  * partly or wholly missed. A host whose loudspeaker-to-microphone latency is
  * shorter delays the microphone by the difference (kvaec_align_shift).
+ *
+ * Measured in a closed loop (single-tap echo path, white far end at -26 dBFS,
+ * NLP off; tests/scenario/test_echo_delay.cpp), linear ERLE against the delay
+ * from the receive output to the echo at the microphone input:
+ *   samples  160   180   200   220   240   260   280   300   320   480   960
+ *   ERLE dB  16.3  18.0  25.0  31.6  35.5  36.9  36.5  37.1  36.5  36.6  36.3
+ * From 260 samples on the figure is that of an ample delay; 240 still loses
+ * about 1 dB; 280 leaves one filter-bank hop (40 samples) beyond that.
  */
 #define KVAEC_ECHO_MIN_DELAY 280
 

@@ -21,6 +21,7 @@ kvaec_install_missing() {
 kvaec_install_deps() {
   local pkgs=(cmake make g++ pkg-config libgtest-dev googletest libbenchmark-dev
               python3-numpy python3-scipy python3-matplotlib python3-pytest
+              python3-venv python3-pip python3-setuptools python3-wheel
               libsndfile1-dev libsamplerate0-dev libcli11-dev espeak-ng
               libspa-0.2-dev libspeexdsp-dev pipewire pipewire-bin)
   if [ "$(dpkg --print-architecture 2>/dev/null)" = amd64 ]; then pkgs+=(g++-multilib); fi

@@ -5,12 +5,33 @@ samples at 16 kHz, full scale +-1.
 
 The library holds one global canceller instance, so this binding allows one
 live :class:`Canceller` at a time; creating a second one raises
-:class:`CancellerBusyError` until the first is closed.
+:class:`CancellerBusyError` until the first is closed. Creation is atomic:
+of several threads creating a Canceller at once exactly one succeeds.
+
+Threads: every call into the library holds one package-wide lock, so calls
+on a shared :class:`Canceller` from several threads are serialised: each
+call runs whole and returns the output of its own input. Two threads feeding
+two different streams through one Canceller still share its adaptive state
+(they cancel each other's echo badly); give each stream its own turn.
+
+Samples: float arrays (any float dtype) are taken as samples of full scale
+1.0. Integer PCM arrays, as ``scipy.io.wavfile.read`` returns them, are
+scaled to full scale 1.0: int16 divided by 32768, int32 by 2147483648,
+uint8 as (x - 128) / 128. Other dtypes are refused with ``TypeError``.
+
+Configurations are checked by the library (``kvaec_cfg_check``): a field
+outside its documented range raises ``ValueError`` naming the field and its
+range, when the :class:`Config` is made and again before it is loaded.
+
+The delay estimation is the one of the ``kvaec`` tool: libkvaec_host, found
+next to libkvaec (or through ``KVAEC_HOST_LIB``).
 
 Where the library is looked for, in this order:
   1. the environment variable ``KVAEC_LIB`` (path of libkvaec.so);
-  2. ``libkvaec.so`` next to this package (``python/kvaec/``);
-  3. the build directories ``build*/`` of the source tree.
+  2. the installed library: ``ctypes.util.find_library("kvaec")`` (the
+     linker's search path), then the ``libdir`` pkg-config gives for
+     ``kvaec`` (set ``PKG_CONFIG_PATH`` for a private prefix);
+  3. the build directories ``build*/`` of the source tree this package sits in.
 
 Example::
 
@@ -20,16 +41,29 @@ Example::
         send, played = c.process_frame(rin_frame, sin_frame)
 """
 import ctypes
+import ctypes.util
 import glob
+import math
+import numbers
 import os
+import subprocess
+import threading
+import warnings
+from typing import Dict, Iterator, List, Optional, Sequence, Tuple, Union
 
 import numpy as np
 
+from ._version import __version__
+
 __all__ = [
     "Config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
-    "load_library", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
+    "align_shift", "echo_min_delay",
+    "load_library", "library_path", "load_host_library", "__version__", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
     "MODE_NO_NLP", "MODE_NO_NR", "MODE_NO_HIPASS", "MODE_LOOPBACK",
 ]
+
+# A signal: a 1-D numpy array (converted to float32) or a sequence of floats.
+ArrayLike = Union[np.ndarray, Sequence[float]]
 
 FRAME = 160          # samples per frame (10 ms)
 RATE = 16000         # sample rate, Hz
@@ -86,7 +120,7 @@ class Config:
     Unnamed fields take the library's defaults (``AEC_DefaultCfg``).
     """
 
-    def __init__(self, **fields):
+    def __init__(self, **fields: float) -> None:
         d = _default_cfg()
         for name in _CFG_FIELDS:
             setattr(self, name, getattr(d, name))
@@ -94,16 +128,43 @@ class Config:
             if k not in _CFG_FIELDS:
                 raise TypeError(f"unknown configuration field {k!r}; fields: {', '.join(_CFG_FIELDS)}")
             setattr(self, k, v)
+        self.check()
+
+    def check(self) -> None:
+        """Raises TypeError for a field of the wrong type and ValueError,
+        with the library's reason (field name and range), for a field out of
+        its documented range; see ``AEC_tCfg`` in kvaec.h."""
+        c = self._to_c()
+        why = load_library().kvaec_cfg_check(ctypes.byref(c))
+        if why:
+            raise ValueError("invalid configuration: " + why.decode())
 
     def _to_c(self):
         c = _Cfg()
         for name in _CFG_FIELDS:
-            setattr(c, name, int(getattr(self, name)) if name == "iProfile" else float(getattr(self, name)))
+            v = getattr(self, name)
+            if name == "iProfile":
+                if isinstance(v, bool) or not isinstance(v, numbers.Integral):
+                    if isinstance(v, numbers.Real) and float(v).is_integer():
+                        v = int(v)
+                    else:
+                        raise TypeError(f"iProfile must be an integer from 0 to 6, not {v!r}")
+                if not -2**31 <= int(v) < 2**31:
+                    raise ValueError("invalid configuration: iProfile: must be an integer from 0 to 6")
+                setattr(c, name, int(v))
+            else:
+                if isinstance(v, bool) or not isinstance(v, numbers.Real):
+                    raise TypeError(f"{name} must be a number, not {type(v).__name__}")
+                setattr(c, name, float(v))
         return c
 
     @classmethod
     def _from_c(cls, c):
-        return cls(**{name: getattr(c, name) for name in _CFG_FIELDS})
+        # The record as it is, unchecked: it may show what a fault did.
+        cfg = cls.__new__(cls)
+        for name in _CFG_FIELDS:
+            setattr(cfg, name, getattr(c, name))
+        return cfg
 
     def as_dict(self):
         return {name: getattr(self, name) for name in _CFG_FIELDS}
@@ -120,34 +181,78 @@ class Config:
 
 
 _lib = None
+_lib_path = None
 
 
-def _candidates():
-    env = os.environ.get("KVAEC_LIB")
-    if env:
-        yield env
-        return
+def _source_tree_builds(name: str = "kvaec") -> List[str]:
     here = os.path.dirname(os.path.abspath(__file__))
-    yield os.path.join(here, "libkvaec.so")
     root = os.path.dirname(os.path.dirname(here))
-    for p in sorted(glob.glob(os.path.join(root, "build*", "libkvaec.so"))):
-        yield p
+    if not os.path.exists(os.path.join(root, "include", "kvaec.h")):
+        return []  # an installed package: no source tree around it
+    return sorted(glob.glob(os.path.join(root, "build*", "lib%s.so" % name)))
 
 
-def load_library():
-    """Loads libkvaec once and returns the ctypes handle."""
-    global _lib
+def _pkg_config_libdir() -> Optional[str]:
+    try:
+        p = subprocess.run(["pkg-config", "--variable=libdir", "kvaec"], capture_output=True, text=True,
+                           timeout=10)
+    except (OSError, subprocess.SubprocessError):
+        return None
+    d = p.stdout.strip()
+    return d if p.returncode == 0 and d else None
+
+
+def _candidates(name: str = "kvaec", env_var: str = "KVAEC_LIB") -> Iterator[Tuple[str, str]]:
+    """(how it was found, path or name for ctypes) of the library lib``name``,
+    in the order of lookup: the environment variable, the installed library
+    (linker path, then pkg-config's libdir of kvaec), the source tree."""
+    env = os.environ.get(env_var)
+    if env:
+        yield env_var, env
+        return
+    found = ctypes.util.find_library(name)
+    if found:
+        yield "ctypes.util.find_library", found
+    libdir = _pkg_config_libdir()
+    if libdir:
+        for n in ("lib%s.so" % name, "lib%s.so.%s" % (name, __version__.split(".")[0])):
+            yield "pkg-config libdir", os.path.join(libdir, n)
+    for p in _source_tree_builds(name):
+        yield "source tree build", p
+
+
+def _open_library(name: str = "kvaec", env_var: str = "KVAEC_LIB") -> Tuple[ctypes.CDLL, str]:
+    """Opens lib``name`` by the lookup order of :func:`_candidates`; raises
+    OSError saying what was tried and how to point at the library."""
+    tried = []
+    for how, path in _candidates(name, env_var):
+        if os.sep in path and not os.path.exists(path):
+            tried.append(f"{path} ({how}: no such file)")
+            continue
+        try:
+            return ctypes.CDLL(path), path
+        except OSError as e:
+            tried.append(f"{path} ({how}: {e})")
+    raise OSError(
+        f"lib{name}.so not found" + (" (tried: " + "; ".join(tried) + ")" if tried else "") + ". "
+        "Install the C library (in the source tree: cmake -S . -B build && cmake --build build && "
+        f"cmake --install build --prefix PREFIX), then either set {env_var}=/path/to/lib{name}.so, "
+        "or set PKG_CONFIG_PATH=PREFIX/lib/pkgconfig (or install to a prefix the linker searches).")
+
+
+def library_path() -> str:
+    """Path (or linker name) of the libkvaec loaded, loading it if needed."""
+    load_library()
+    return _lib_path
+
+
+def load_library() -> ctypes.CDLL:
+    """Loads libkvaec once and returns the ctypes handle. Raises OSError,
+    saying what was tried and how to point at the library, when none is found."""
+    global _lib, _lib_path
     if _lib is not None:
         return _lib
-    tried = []
-    for path in _candidates():
-        tried.append(path)
-        if os.path.exists(path):
-            lib = ctypes.CDLL(path)
-            break
-    else:
-        raise OSError("libkvaec.so not found (tried: " + ", ".join(tried) +
-                      "); build the library or set KVAEC_LIB to its path")
+    lib, _lib_path = _open_library()
     fp = ctypes.POINTER(ctypes.c_float)
     lib.aecx_init.argtypes = [ctypes.POINTER(_Cfg)]
     lib.aecx_init.restype = None
@@ -161,8 +266,49 @@ def load_library():
     lib.aecx_spkeq.restype = None
     lib.aecx_miceq.argtypes = [fp]
     lib.aecx_miceq.restype = None
+    lib.kvaec_align_shift.argtypes = [ctypes.c_int32, ctypes.c_int32]
+    lib.kvaec_align_shift.restype = ctypes.c_int32
+    lib.kvaec_cfg_check.argtypes = [ctypes.POINTER(_Cfg)]
+    lib.kvaec_cfg_check.restype = ctypes.c_char_p
     _lib = lib
     return lib
+
+
+_host = None
+
+
+def load_host_library() -> ctypes.CDLL:
+    """Loads libkvaec_host (the hosts' shared delay estimation) once: from
+    ``KVAEC_HOST_LIB``, else next to the libkvaec loaded, else by the lookup
+    of :func:`load_library`."""
+    global _host
+    if _host is not None:
+        return _host
+    lib = None
+    env = os.environ.get("KVAEC_HOST_LIB")
+    if not env:
+        load_library()
+        d = os.path.dirname(_lib_path) if _lib_path and os.sep in _lib_path else ""
+        for n in ("libkvaec_host.so", "libkvaec_host.so." + __version__.split(".")[0]):
+            if d and os.path.exists(os.path.join(d, n)):
+                lib = ctypes.CDLL(os.path.join(d, n))
+                break
+    if lib is None:
+        lib, _ = _open_library("kvaec_host", "KVAEC_HOST_LIB")
+    fp = ctypes.POINTER(ctypes.c_float)
+    lib.kvaec_host_estimate_delay.argtypes = [fp, ctypes.c_int64, fp, ctypes.c_int64, ctypes.c_int32,
+                                              ctypes.c_int32, ctypes.c_double, ctypes.POINTER(_DelayResult)]
+    lib.kvaec_host_estimate_delay.restype = ctypes.c_int
+    lib.kvaec_host_usable_frames.argtypes = [fp, ctypes.c_int64, ctypes.c_int32, ctypes.POINTER(ctypes.c_uint8)]
+    lib.kvaec_host_usable_frames.restype = ctypes.c_int64
+    _host = lib
+    return lib
+
+
+class _DelayResult(ctypes.Structure):
+    _fields_ = [("found", ctypes.c_int32), ("delay", ctypes.c_int32), ("start_sec", ctypes.c_double),
+                ("length_sec", ctypes.c_double), ("peak_to_mean", ctypes.c_double),
+                ("far_excluded_frames", ctypes.c_int64), ("mic_excluded_frames", ctypes.c_int64)]
 
 
 def _default_cfg():
@@ -170,6 +316,36 @@ def _default_cfg():
 
 
 _live = None  # the live Canceller, if any
+# Held by every call into the library's one instance, and while a Canceller
+# is created or closed: creation is atomic and calls are serialised.
+_lock = threading.RLock()
+
+
+def _check_nlp_param(nlp_param):
+    if nlp_param is None:
+        return None
+    if isinstance(nlp_param, bool) or not isinstance(nlp_param, numbers.Real):
+        raise TypeError(f"nlp_param must be a number of dB or None, not {type(nlp_param).__name__}")
+    if not math.isfinite(nlp_param):
+        raise ValueError(f"nlp_param must be a finite number of dB, not {nlp_param!r}")
+    return float(nlp_param)
+
+
+def _check_mode(mode):
+    if isinstance(mode, bool) or not isinstance(mode, numbers.Integral):
+        raise TypeError(f"mode must be an int of MODE_* bits, not {type(mode).__name__}")
+    if not 0 <= int(mode) < 2**32:
+        raise ValueError(f"mode must be a 32-bit word of MODE_* bits, not {mode!r}")
+    return int(mode) & ~0xF
+
+
+def _check_config(config):
+    if config is None:
+        return Config()
+    if not isinstance(config, Config):
+        raise TypeError(f"config must be a kvaec.Config or None, not {type(config).__name__} ({config!r})")
+    config.check()
+    return config
 
 
 class Canceller:
@@ -179,27 +355,35 @@ class Canceller:
     call :meth:`close`; only one Canceller may be live at a time.
     """
 
-    def __init__(self, config=None, mode=0, nlp_param=None, equalizers=True):
+    def __init__(self, config: Optional["Config"] = None, mode: int = 0, nlp_param: Optional[float] = None,
+                 equalizers: bool = True) -> None:
         global _live
-        if _live is not None:
-            raise CancellerBusyError(
-                "libkvaec holds a single global canceller and one is already live "
-                f"({_live!r}); close it (or leave its 'with' block) before creating another")
+        self._closed = True  # until this one is the live canceller
         self._lib = load_library()
-        self.config = config if config is not None else Config()
-        self.equalizers = equalizers
-        self._mode = int(mode) & ~0xF
-        cfg = self.config._to_c()
-        self._lib.aecx_init(ctypes.byref(cfg))
-        flags = self._mode | (CMD_SET_NLP_PARAM if nlp_param is not None else 0)
-        self._lib.aecx_control(flags, None, float(nlp_param or 0.0))
-        self._db = _Db.in_dll(self._lib, "AEC_Db")
-        self._rin = np.zeros(FRAME, np.float32)
-        self._sin = np.zeros(FRAME, np.float32)
-        self.resets = []   # (frame, non-finite output samples, self-test count)
-        self.frames = 0
-        self._closed = False
-        _live = self
+        # Arguments are checked before anything touches the instance.
+        config = _check_config(config)
+        self._mode = _check_mode(mode)
+        self._nlp_param = _check_nlp_param(nlp_param)
+        if not isinstance(equalizers, bool):
+            raise TypeError(f"equalizers must be True or False, not {type(equalizers).__name__}")
+        with _lock:
+            if _live is not None:
+                raise CancellerBusyError(
+                    "libkvaec holds a single global canceller and one is already live "
+                    f"({_live!r}); close it (or leave its 'with' block) before creating another")
+            self.config = config
+            self.equalizers = equalizers
+            self._cfg = config._to_c()  # the checked record a reset reloads
+            self._lib.aecx_init(ctypes.byref(self._cfg))
+            flags = self._mode | (CMD_SET_NLP_PARAM if self._nlp_param is not None else 0)
+            self._lib.aecx_control(flags, None, self._nlp_param or 0.0)
+            self._db = _Db.in_dll(self._lib, "AEC_Db")
+            self._rin = np.zeros(FRAME, np.float32)
+            self._sin = np.zeros(FRAME, np.float32)
+            self.resets = []   # (frame, non-finite output samples, self-test count)
+            self.frames = 0
+            self._closed = False
+            _live = self
 
     def __enter__(self):
         return self
@@ -207,12 +391,13 @@ class Canceller:
     def __exit__(self, *exc):
         self.close()
 
-    def close(self):
+    def close(self) -> None:
         global _live
-        if not self._closed:
-            self._closed = True
-            if _live is self:
-                _live = None
+        with _lock:
+            if not self._closed:
+                self._closed = True
+                if _live is self:
+                    _live = None
 
     def __del__(self):
         try:
@@ -230,47 +415,75 @@ class Canceller:
 
     @mode.setter
     def mode(self, value):
-        self._check()
-        self._mode = int(value) & ~0xF
-        self._lib.aecx_control(self._mode, None, 0.0)
+        mode = _check_mode(value)
+        with _lock:
+            self._check()
+            self._mode = mode
+            self._lib.aecx_control(self._mode, None, 0.0)
 
-    def load_config(self, config):
-        """Loads a configuration (takes effect at the next frame)."""
-        self._check()
-        self.config = config
+    def load_config(self, config: "Config") -> None:
+        """Loads a configuration (takes effect at the next frame); a bad one
+        raises ValueError naming the field and its range, and is not loaded."""
+        if not isinstance(config, Config):
+            raise TypeError(f"config must be a kvaec.Config, not {type(config).__name__} ({config!r})")
+        config.check()
         cfg = config._to_c()
-        self._lib.aecx_control(CMD_LOAD_CFG | self._mode, ctypes.byref(cfg), 0.0)
+        with _lock:
+            self._check()
+            self.config = config
+            self._cfg = cfg
+            self._lib.aecx_control(CMD_LOAD_CFG | self._mode, ctypes.byref(cfg), 0.0)
 
-    def active_config(self):
+    def active_config(self) -> "Config":
         """The configuration record in force inside the library."""
-        self._check()
-        return Config._from_c(self._db.tCfg)
+        with _lock:
+            self._check()
+            return Config._from_c(self._db.tCfg)
 
-    def reset(self, keep_filters=False):
-        self._check()
-        self._lib.aecx_control(CMD_RESET | (CMD_KEEP_FILTERS if keep_filters else 0) | self._mode, None, 0.0)
+    def reset(self, keep_filters: bool = False) -> None:
+        with _lock:
+            self._check()
+            self._lib.aecx_control(CMD_RESET | (CMD_KEEP_FILTERS if keep_filters else 0) | self._mode, None, 0.0)
 
-    def bist(self):
-        self._check()
-        return int(self._lib.aecx_bist())
+    def bist(self) -> int:
+        with _lock:
+            self._check()
+            return int(self._lib.aecx_bist())
 
-    def state(self):
+    def state(self) -> Dict[str, float]:
         """A few per-frame figures of the instance (double talk, alarms, adaptation)."""
-        self._check()
+        with _lock:
+            self._check()
+            return self._state()
+
+    def _state(self):
         w = self._db.words
         f = lambda i: ctypes.c_float.from_buffer_copy(ctypes.c_uint32(w[i])).value
         return {"double_talk": int(ctypes.c_int32(w[_W_DOUBLE_TALK]).value), "epc_db": f(_W_EPC_DB),
                 "td_alarm_db": f(_W_TD_ALARM_DB), "adapt_time": f(_W_ADAPT_TIME), "mode": int(w[_W_FLAGS])}
 
-    def process_frame(self, rin, sin):
-        """Processes one frame (160 samples per path); returns (send, played).
+    def process_frame(self, rin: ArrayLike, sin: ArrayLike) -> Tuple[np.ndarray, np.ndarray]:
+        """Processes one 10 ms frame: ``rin`` 160 receive (loudspeaker) samples,
+        ``sin`` 160 microphone samples, float, full scale 1.0. Returns (send,
+        played): the send frame (120 samples of delay) and the receive frame to
+        play (40 samples of delay), float32.
 
         Runs the microphone equalizer before and the loudspeaker equalizer
         after the canceller when ``equalizers`` is true. Non-finite outputs
-        and a failing self-test (once a second) reset the canceller with the
-        mode word kept; non-finite output samples become 0.
+        and a failing self-test (once a second) reset the canceller and reload
+        its checked configuration, NLP value and mode word; non-finite output
+        samples become 0. Calls from several threads are serialised.
         """
-        self._check()
+        rin = _as_signal(rin, "rin")
+        sin = _as_signal(sin, "sin")
+        for name, a in (("rin", rin), ("sin", sin)):
+            if len(a) != FRAME:
+                raise ValueError(f"{name} must hold {FRAME} samples (one 10 ms frame), not {len(a)}")
+        with _lock:
+            self._check()
+            return self._process_frame(rin, sin)
+
+    def _process_frame(self, rin, sin):
         self._rin[:] = rin
         self._sin[:] = sin
         fp = ctypes.POINTER(ctypes.c_float)
@@ -286,7 +499,12 @@ class Canceller:
             np.nan_to_num(self._sin, copy=False, nan=0.0, posinf=0.0, neginf=0.0)
             if bist < 0:
                 bist = self._lib.aecx_bist()
-            self._lib.aecx_control(CMD_RESET | self._mode, None, 0.0)
+            # Reset and reload: whatever a fault left in the active
+            # configuration does not survive it.
+            flags = CMD_RESET | CMD_LOAD_CFG | self._mode
+            if self._nlp_param is not None:
+                flags |= CMD_SET_NLP_PARAM
+            self._lib.aecx_control(flags, ctypes.byref(self._cfg), self._nlp_param or 0.0)
             self.resets.append((self.frames, bad, int(bist)))
         if self.equalizers:
             self._lib.aecx_spkeq(prin)
@@ -297,61 +515,154 @@ class Canceller:
         return f"<kvaec.Canceller mode=0x{self._mode:x} frames={self.frames}{' closed' if self._closed else ''}>"
 
 
+# Integer PCM: divisor to full scale 1.0 and offset (the WAV convention).
+_PCM_SCALE = {np.dtype(np.int16): (32768.0, 0.0), np.dtype(np.int32): (2147483648.0, 0.0),
+              np.dtype(np.uint8): (128.0, 128.0)}
+
+
 def _as_signal(x, name):
-    a = np.asarray(x, dtype=np.float32)
+    """A 1-D float32 signal of full scale 1.0 from ``x``: float arrays and
+    sequences as they are, int16/int32/uint8 PCM scaled (see the module
+    text); anything else raises TypeError naming the argument."""
+    if x is None or isinstance(x, (str, bytes, numbers.Number)):
+        raise TypeError(f"{name} must be a 1-D array of samples, not {type(x).__name__}")
+    try:
+        a = np.asarray(x)
+    except Exception as e:  # ragged sequences and the like
+        raise TypeError(f"{name} must be a 1-D array of samples ({e})") from None
+    if a.dtype in _PCM_SCALE:
+        div, off = _PCM_SCALE[a.dtype]
+        a = ((a.astype(np.float64) - off) / div).astype(np.float32)
+    elif a.dtype.kind == "f":
+        a = a.astype(np.float32)
+    elif a.dtype.kind in "iu" and a.size == 0:
+        a = a.astype(np.float32)
+    else:
+        raise TypeError(f"{name} must hold float samples (full scale 1.0) or int16/int32/uint8 PCM, "
+                        f"not {a.dtype}")
     if a.ndim != 1:
         raise ValueError(f"{name} must be a one-dimensional array of samples (pick a channel first)")
     return a
 
 
-def estimate_delay(far, mic, max_delay_ms=500.0, seconds=5.0):
-    """Bulk delay (samples) of the echo in ``mic`` behind ``far``, by GCC-PHAT on
-    the first ``seconds`` with far-end activity; None when the far end is silent."""
-    far = _as_signal(far, "far").astype(np.float64)
-    mic = _as_signal(mic, "mic").astype(np.float64)
-    n = len(far) // FRAME
-    if n == 0:
-        return None
-    lev = 10 * np.log10(np.mean(far[: n * FRAME].reshape(n, FRAME) ** 2, axis=1) + 1e-30)
-    thr = max(-60.0, lev.max() - 40.0)
-    active = np.nonzero(lev > thr)[0]
-    if len(active) == 0:
-        return None
-    start = int(active[0]) * FRAME
-    max_delay = int(max_delay_ms * RATE / 1000)
-    x = far[start: start + int(seconds * RATE)]
-    y = mic[start: start + len(x) + max_delay]
-    nfft = 1 << int(np.ceil(np.log2(len(x) + len(y))))
-    g = np.fft.rfft(y, nfft) * np.conj(np.fft.rfft(x, nfft))
-    m = np.abs(g)
-    g = np.where(m > m.max() * 1e-6, g / np.maximum(m, 1e-300), 0)
-    r = np.abs(np.fft.irfft(g, nfft)[: max_delay + 1])
-    return int(np.argmax(r))
+def _check_number(v, name, lo=None, hi=None, unit=""):
+    if isinstance(v, bool) or not isinstance(v, numbers.Real):
+        raise TypeError(f"{name} must be a number{unit}, not {type(v).__name__} ({v!r})")
+    v = float(v)
+    if not math.isfinite(v) or (lo is not None and v < lo) or (hi is not None and v > hi):
+        rng = f" from {lo:g} to {hi:g}" if lo is not None and hi is not None else \
+            f" of at least {lo:g}" if lo is not None else ""
+        raise ValueError(f"{name} must be a finite number{rng}{unit}, not {v!r}")
+    return v
 
 
-def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nlp_param=None,
-            equalizers=True):
+def _usable(x, name, silence_nonfinite):
+    """Refuses a signal without one finite sample; non-finite samples become
+    silence (with a RuntimeWarning) when ``silence_nonfinite``."""
+    finite = np.isfinite(x)
+    n = int(len(x) - np.count_nonzero(finite))
+    if len(x) == 0:
+        raise ValueError(f"{name} holds no samples")
+    if n == len(x):
+        raise ValueError(f"{name} holds no usable samples (all {n} are NaN or infinite)")
+    if n and silence_nonfinite:
+        warnings.warn(f"{name} holds {n} non-finite samples: processed as silence", RuntimeWarning, stacklevel=3)
+        x = np.where(finite, x, np.float32(0)).astype(np.float32)
+    return x
+
+
+def estimate_delay(far: ArrayLike, mic: ArrayLike, max_delay_ms: float = 500.0,
+                   seconds: float = 5.0) -> Optional[int]:
+    """Bulk delay, in samples at 16 kHz, of the echo in ``mic`` behind ``far``
+    (both 1-D, 16 kHz), by GCC-PHAT on the first ``seconds`` (s) with far-end
+    activity, searched over 0..``max_delay_ms`` (ms); None when the far end
+    has no usable activity. The estimation of the ``kvaec`` tool
+    (libkvaec_host): non-finite samples and short bursts of huge values are
+    left out."""
+    far = _as_signal(far, "far")
+    mic = _as_signal(mic, "mic")
+    max_delay_ms = _check_number(max_delay_ms, "max_delay_ms", 0.0, 60000.0, " (ms)")
+    seconds = _check_number(seconds, "seconds", 0.01, 3600.0, " (s)")
+    far = np.ascontiguousarray(far, np.float32)
+    mic = np.ascontiguousarray(mic, np.float32)
+    fp = ctypes.POINTER(ctypes.c_float)
+    r = _DelayResult()
+    rc = load_host_library().kvaec_host_estimate_delay(
+        far.ctypes.data_as(fp), len(far), mic.ctypes.data_as(fp), len(mic), RATE,
+        int(max_delay_ms * RATE / 1000), seconds, ctypes.byref(r))
+    if rc == -2:
+        raise MemoryError("delay estimation: out of memory")
+    if rc != 0:
+        raise ValueError("delay estimation: bad arguments")
+    return int(r.delay) if r.found else None
+
+
+def align_shift(bulk_delay: int, margin: int = 0) -> int:
+    """The library's alignment rule (``kvaec_align_shift``): samples by which
+    a host delays the microphone relative to the far end (negative: delays the
+    far end by minus that many) so that an echo ``bulk_delay`` samples behind
+    the far end reaches the canceller ``ECHO_MIN_DELAY + margin`` samples after
+    the library's receive output."""
+    return int(load_library().kvaec_align_shift(int(bulk_delay), int(margin)))
+
+
+def echo_min_delay() -> int:
+    """``KVAEC_ECHO_MIN_DELAY``, samples: the least delay from the receive
+    output to its echo at the microphone input that the canceller models."""
+    return align_shift(0, 0) - RIN_DELAY
+
+
+def process(far: ArrayLike, mic: ArrayLike, config: Optional["Config"] = None, mode: int = 0,
+            delay: Union[str, float] = "auto", delay_margin_ms: float = 2.0, nlp_param: Optional[float] = None,
+            equalizers: bool = True) -> Dict[str, object]:
     """Offline echo cancellation of a microphone recording made while ``far``
     played, both 1-D arrays at 16 kHz. Works like ``kvaec process``: all loss
-    on the send path (``MODE_SEND_ONLY_LOSS`` always set), the far end or the
-    microphone delayed so that the echo lands ``delay_margin_ms`` behind the
-    library's reference, outputs realigned.
+    on the send path (``MODE_SEND_ONLY_LOSS`` always set); the microphone (or
+    the far end) is delayed by the library's alignment rule (:func:`align_shift`)
+    so that the echo reaches the canceller ``delay_margin_ms`` beyond the least
+    delay after its receive output it needs (:func:`echo_min_delay`); outputs
+    realigned.
 
-    ``delay``: "auto" (estimated) or milliseconds. Returns a dict with
-    ``out`` (send signal aligned with ``mic``), ``played`` (receive output
-    aligned with ``far``), ``delay`` (bulk delay in samples) and ``resets``.
+    ``far``, ``mic``: 1-D signals at 16 kHz, float, full scale 1.0.
+    ``config``: :class:`Config` (None: the library defaults). ``mode``: mode
+    word (``MODE_*`` bits). ``delay``: "auto" (estimated by
+    :func:`estimate_delay`) or the bulk delay of the echo behind the far end
+    in milliseconds. ``delay_margin_ms``: ms beyond the least echo delay.
+    ``nlp_param``: NLP value in dB (None: not set). ``equalizers``: run the
+    profile equalizers around the canceller.
+
+    Returns a dict with ``out`` (send signal aligned with ``mic``, float32),
+    ``played`` (receive output aligned with ``far``), ``delay`` (bulk delay,
+    samples), ``shift`` (samples the microphone was delayed; negative: the
+    far end) and ``resets`` (list of (frame, non-finite samples, self-test
+    count)).
     """
     far = _as_signal(far, "far")
     mic = _as_signal(mic, "mic")
+    # Every argument is checked before anything is processed.
+    config = _check_config(config)
+    mode = _check_mode(mode)
+    nlp_param = _check_nlp_param(nlp_param)
+    delay_margin_ms = _check_number(delay_margin_ms, "delay_margin_ms", 0.0, 50.0, " (ms)")
+    if not isinstance(equalizers, bool):
+        raise TypeError(f"equalizers must be True or False, not {type(equalizers).__name__}")
+    if isinstance(delay, str):
+        if delay != "auto":
+            raise ValueError(f"delay must be 'auto' or a non-negative number of milliseconds, not {delay!r}")
+    else:
+        delay = _check_number(delay, "delay", 0.0, None, " (ms)")
+        if delay * RATE / 1000 >= len(mic):
+            raise ValueError(f"delay {delay:g} ms is beyond the end of mic ({1000 * len(mic) / RATE:.1f} ms): "
+                             "its echo would never appear in it")
+    far = _usable(far, "far", True)
+    mic = _usable(mic, "mic", True)
     if delay == "auto":
         bulk = estimate_delay(far, mic)
         bulk = 0 if bulk is None else bulk
     else:
-        bulk = int(round(float(delay) * RATE / 1000))
-        if bulk < 0:
-            raise ValueError("delay must be 'auto' or a non-negative number of milliseconds")
-    s = bulk - RIN_DELAY - int(round(delay_margin_ms * RATE / 1000))
-    far_shift, mic_shift = max(s, 0), max(-s, 0)
+        bulk = int(round(delay * RATE / 1000))
+    shift = align_shift(bulk, int(round(delay_margin_ms * RATE / 1000)))
+    far_shift, mic_shift = max(-shift, 0), max(shift, 0)
     need = max(len(mic) + SIN_DELAY + mic_shift, len(far) + RIN_DELAY + far_shift)
     frames = -(-need // FRAME)
     fin = np.zeros(frames * FRAME, np.float32)
@@ -360,10 +671,10 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     min_[mic_shift: mic_shift + len(mic)] = mic[: frames * FRAME - mic_shift]
     send = np.zeros_like(fin)
     played = np.zeros_like(fin)
-    with Canceller(config, mode | MODE_SEND_ONLY_LOSS, nlp_param, equalizers) as c:
+    with Canceller(config, mode | MODE_SEND_ONLY_LOSS, nlp_param, equalizers) as c, _lock:
         for k in range(frames):
             sl = slice(k * FRAME, (k + 1) * FRAME)
-            send[sl], played[sl] = c.process_frame(fin[sl], min_[sl])
+            send[sl], played[sl] = c._process_frame(fin[sl], min_[sl])
         resets = list(c.resets)
     out = np.zeros(len(mic), np.float32)
     src = send[SIN_DELAY + mic_shift:]
@@ -371,34 +682,59 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     pl = np.zeros(len(far), np.float32)
     src = played[RIN_DELAY + far_shift:]
     pl[: min(len(far), len(src))] = src[: len(far)]
-    return {"out": out, "played": pl, "delay": bulk, "resets": resets}
+    return {"out": out, "played": pl, "delay": bulk, "shift": shift, "resets": resets}
 
 
-def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode=0,
-             nonlinear=0.0, equalizers=True):
+def simulate(far: ArrayLike, near: Optional[ArrayLike] = None, echo_path: Optional[ArrayLike] = None,
+             latency_frames: int = 2, config: Optional["Config"] = None, mode: int = 0,
+             nonlinear: float = 0.0, equalizers: bool = True) -> Dict[str, object]:
     """Closed loop: ``far`` goes through the canceller to the loudspeaker; the
     echo is ``echo_path`` (FIR, default a 0.5 tap 2 ms late) applied to what
     the library played, ``latency_frames`` whole frames later (at least one),
     optionally through a soft-clipping loudspeaker tanh(d x)/d; the microphone
     takes echo plus ``near``.
 
+    The echo's first arrival (first tap within 20 dB of the largest) should
+    come at least :func:`echo_min_delay` samples after the receive output:
+    the default (two frames, 352 samples with the default path) does; a
+    shorter loop gives a ``RuntimeWarning``, as the canceller misses the
+    early part of such an echo.
+
     Returns a dict of arrays: ``mic``, ``send``, ``played``, ``echo`` and a
     per-frame ``double_talk`` flag, plus ``resets``.
     """
-    far = _as_signal(far, "far")
+    far = _usable(_as_signal(far, "far"), "far", True)
+    config = _check_config(config)
+    mode = _check_mode(mode)
+    nonlinear = _check_number(nonlinear, "nonlinear", 0.0, 100.0)
+    if isinstance(latency_frames, bool) or not isinstance(latency_frames, numbers.Integral) or latency_frames < 1:
+        raise ValueError(f"latency_frames must be an integer of at least 1, not {latency_frames!r}")
+    if not isinstance(equalizers, bool):
+        raise TypeError(f"equalizers must be True or False, not {type(equalizers).__name__}")
     n = len(far) // FRAME * FRAME
     far = far[:n]
-    near = np.zeros(n, np.float32) if near is None else _as_signal(near, "near")[:n]
+    near = np.zeros(n, np.float32) if near is None else _usable(_as_signal(near, "near"), "near", True)[:n]
     if len(near) < n:
         near = np.concatenate([near, np.zeros(n - len(near), np.float32)])
-    h = np.zeros(33, np.float64) if echo_path is None else np.asarray(echo_path, np.float64)
     if echo_path is None:
+        h = np.zeros(33, np.float64)
         h[32] = 0.5
-    lat = max(1, int(latency_frames)) * FRAME
+    else:
+        h = _as_signal(echo_path, "echo_path").astype(np.float64)
+        if len(h) == 0 or not np.all(np.isfinite(h)) or np.max(np.abs(h)) > 100.0:
+            raise ValueError("echo_path must hold at least one tap, all finite and within +-100")
+    lat = int(latency_frames) * FRAME
+    peak = np.max(np.abs(h)) if len(h) else 0.0
+    first = int(np.argmax(np.abs(h) >= 0.1 * peak)) if peak > 0 else 0
+    if lat + first < echo_min_delay():
+        import warnings
+        warnings.warn(f"the echo reaches the microphone {lat + first} samples after the receive output, less "
+                      f"than the {echo_min_delay()} the canceller needs: its early part is not cancelled "
+                      "(raise latency_frames)", RuntimeWarning, stacklevel=2)
     hist = np.zeros(lat + len(h) + n, np.float64)  # played (through the loudspeaker), with lead-in
     out = {k: np.zeros(n, np.float32) for k in ("mic", "send", "played", "echo")}
     dt = np.zeros(n // FRAME, np.int32)
-    with Canceller(config, mode, None, equalizers) as c:
+    with Canceller(config, mode, None, equalizers) as c, _lock:
         off = lat + len(h)  # hist index of played sample 0
         for k in range(n // FRAME):
             sl = slice(k * FRAME, (k + 1) * FRAME)
@@ -406,13 +742,13 @@ def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode
             seg = hist[off + k * FRAME - lat - len(h) + 1: off + (k + 1) * FRAME - lat]
             echo = np.convolve(seg, h, mode="valid").astype(np.float32)
             mic = (echo + near[sl]).astype(np.float32)
-            send, played = c.process_frame(far[sl], mic)
+            send, played = c._process_frame(far[sl], mic)
             p = played.astype(np.float64)
             if nonlinear > 0:
                 p = np.tanh(nonlinear * p) / nonlinear
             hist[off + k * FRAME: off + (k + 1) * FRAME] = p
             out["mic"][sl], out["send"][sl], out["played"][sl], out["echo"][sl] = mic, send, played, echo
-            dt[k] = c.state()["double_talk"]
+            dt[k] = c._state()["double_talk"]
         out["resets"] = list(c.resets)
     out["double_talk"] = dt
     return out

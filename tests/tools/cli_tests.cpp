@@ -4,7 +4,10 @@
 
 #include <cmath>
 #include <cstdio>
+#include <csignal>
+#include <cstdlib>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
 #include <random>
 #include <sndfile.h>
@@ -14,6 +17,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+#include "kvaec.h"
 
 namespace {
 
@@ -25,6 +30,19 @@ struct ToolRun {
 ToolRun kvaec(const std::string &args) {
     const std::string cmd = std::string(KVAEC_TOOL_EXE) + " " + args + " 2>&1";
     FILE *p = ::popen(cmd.c_str(), "r");
+    ToolRun r{-1, {}};
+    if (!p) return r;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+    const int st = ::pclose(p);
+    r.code = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+// Runs a shell command line (stdout and stderr together).
+ToolRun run(const std::string &cmdline) {
+    FILE *p = ::popen((cmdline + " 2>&1").c_str(), "r");
     ToolRun r{-1, {}};
     if (!p) return r;
     char buf[4096];
@@ -150,8 +168,17 @@ TEST_F(Tool, ProcessEstimatesBulkDelayAndWritesOutputOfMicrophoneLength) {
     const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
     EXPECT_TRUE(has(r, "bulk delay:      50.00 ms (800 samples")) << r.out;
-    // 800 - 40 (receive delay) - 32 (2 ms margin): the far end is delayed.
-    EXPECT_TRUE(has(r, "far end delayed 728 samples, microphone delayed 0 samples")) << r.out;
+    // The echo must reach the canceller KVAEC_ECHO_MIN_DELAY + 32 (2 ms
+    // margin) samples after the receive output, which trails the far end by
+    // KVAEC_RCV_DELAY_SAMPLES: an echo 800 samples late leaves the far end
+    // to be delayed.
+    const int farShift = 800 - (KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES);
+    ASSERT_GT(farShift, 0);
+    EXPECT_TRUE(has(r, "far end delayed " + std::to_string(farShift) + " samples, microphone delayed 0 samples"))
+        << r.out;
+    EXPECT_TRUE(has(r, "the echo reaches the canceller " + std::to_string(KVAEC_ECHO_MIN_DELAY + 32) +
+                           " samples after the receive output"))
+        << r.out;
     EXPECT_TRUE(has(r, "real-time factor")) << r.out;
     EXPECT_TRUE(has(r, "ERLE:")) << r.out;
     const Wav o = readWav(p("out.wav"));
@@ -165,14 +192,28 @@ TEST_F(Tool, ProcessUsesGivenDelay) {
     const ToolRun r = kvaec("process -q --delay 20 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
     EXPECT_TRUE(has(r, "20.00 ms (320 samples, given)")) << r.out;
-    EXPECT_TRUE(has(r, "far end delayed 248 samples")) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed " +
+                           std::to_string(KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES - 320) + " samples"))
+        << r.out;
 }
 
-TEST_F(Tool, ProcessDelaysMicrophoneWhenEchoIsEarlierThanReceiveDelay) {
+TEST_F(Tool, ProcessDelaysMicrophoneWhenEchoComesSoonerThanTheCancellerNeeds) {
     makePair(0);
     const ToolRun r = kvaec("process -q --delay 0 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
-    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed 72 samples")) << r.out;
+    EXPECT_TRUE(has(r, "far end delayed 0 samples, microphone delayed " +
+                           std::to_string(KVAEC_ECHO_MIN_DELAY + 32 + KVAEC_RCV_DELAY_SAMPLES) + " samples"))
+        << r.out;
+}
+
+TEST_F(Tool, ProcessDelayMarginAddsToTheLeastEchoDelay) {
+    makePair(800);
+    const ToolRun r = kvaec("process -q --delay-margin 5 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " +
+                            p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "the echo reaches the canceller " + std::to_string(KVAEC_ECHO_MIN_DELAY + 80) +
+                           " samples after the receive output"))
+        << r.out;
 }
 
 TEST_F(Tool, ProcessOutputsLineUpWithTheirRecordings) {
@@ -262,15 +303,29 @@ TEST_F(Tool, ProcessFailsClearlyOnNonAudioFile) {
 
 TEST_F(Tool, ProcessFailsBeforeWorkWhenOutputIsNotWritable) {
     makePair();
-    ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("no/such/dir/out.wav"));
+    ToolRun r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("far.wav/dir/out.wav"));
     EXPECT_EQ(r.code, 1);
-    EXPECT_TRUE(has(r, "cannot write '" + p("no/such/dir/out.wav") + "'")) << r.out;
+    EXPECT_TRUE(has(r, "cannot write '" + p("far.wav/dir/out.wav") + "'")) << r.out;
     // One good and one bad output: neither appears.
     r = kvaec("process --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav") + " --far-out " + dir);
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(has(r, "is a directory")) << r.out;
     EXPECT_FALSE(exists(p("out.wav")));
     EXPECT_EQ(listDir(dir).size(), 2u);
+}
+
+TEST_F(Tool, OutputOptionsCreateMissingDirectoriesAndAFailedRunLeavesNone) {
+    makePair();
+    ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("new/sub/out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(exists(p("new/sub/out.wav")));
+    r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("other/out.wav") +
+              " --far-out " + dir);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_FALSE(exists(p("other"))) << r.out;
+    r = kvaec("simulate -q --no-plot --no-espeak --duration 1 -o " + p("runs/first"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(exists(p("runs/first/send.wav")));
 }
 
 TEST_F(Tool, FailedRunLeavesExistingOutputUntouched) {
@@ -305,17 +360,15 @@ TEST_F(Tool, ProcessWarnsOnClippingInput) {
     EXPECT_TRUE(has(r, "warning: microphone input clips: 10 samples at full scale, first at 1.00 s")) << r.out;
 }
 
-TEST_F(Tool, ProcessRecoversFromNonFiniteInputAndGoesOn) {
+TEST_F(Tool, ProcessTakesNonFiniteInputSamplesAsSilence) {
     makePair(800);
     std::vector<float> m = readWav(p("mic.wav")).x;
     m[24000] = std::nanf("");  // at 1.5 s
     writeWav(p("mic.wav"), m);
     const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
     ASSERT_EQ(r.code, 0) << r.out;
-    EXPECT_TRUE(has(r, "microphone input holds 1 non-finite samples")) << r.out;
-    EXPECT_TRUE(has(r, "canceller reset (mode kept)")) << r.out;
-    EXPECT_TRUE(has(r, "health: ")) << r.out;
-    EXPECT_FALSE(has(r, "health: no failures")) << r.out;
+    EXPECT_TRUE(has(r, "microphone input holds 1 non-finite samples: processed as silence")) << r.out;
+    EXPECT_TRUE(has(r, "health: no failures")) << r.out;
     const Wav o = readWav(p("out.wav"));
     ASSERT_EQ(o.x.size(), m.size());
     for (float v : o.x) ASSERT_TRUE(std::isfinite(v));
@@ -352,6 +405,20 @@ TEST_F(Tool, SimulateWritesEveryOutputAndFigures) {
     for (const char *s : {"ERLE over time", "total echo loss:", "double talk:", "health: no failures", "plot:             skipped (--no-plot)"})
         EXPECT_TRUE(has(r, s)) << s << "\n" << r.out;
     EXPECT_EQ(listDir(p("sim")).size(), 7u);
+}
+
+TEST_F(Tool, SimulateDefaultEchoTrailsTheOutputEnoughAndShortLatencyWarns) {
+    const ToolRun d = kvaec("simulate -q --no-plot --no-espeak --duration 1 -o " + p("sim"));
+    ASSERT_EQ(d.code, 0) << d.out;
+    EXPECT_TRUE(has(d, "echo delay:")) << d.out;
+    EXPECT_FALSE(has(d, "warning")) << d.out;
+    const size_t at = d.out.find("echo delay:");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_GE(std::atol(d.out.c_str() + at + 11), KVAEC_ECHO_MIN_DELAY) << d.out;
+    const ToolRun s = kvaec("simulate -q --no-plot --no-espeak --duration 1 --latency 10 -o " + p("sim10"));
+    ASSERT_EQ(s.code, 0) << s.out;
+    EXPECT_TRUE(has(s, "warning: the echo reaches the microphone")) << s.out;
+    EXPECT_TRUE(has(s, "KVAEC_ECHO_MIN_DELAY")) << s.out;
 }
 
 TEST_F(Tool, SimulateWithBuiltinSpeechSaysSo) {
@@ -404,13 +471,290 @@ TEST_F(Tool, SimulateRejectsPositionOutsideRoom) {
     EXPECT_TRUE(listDir(p("sim")).empty());
 }
 
-TEST_F(Tool, SimulateResetsOnNonFiniteFarEndAndGoesOn) {
+TEST_F(Tool, SimulateResetsOnABurstOfHugeValuesAndGoesOn) {
     std::vector<float> f = noise(5, 48000);
     f[20000] = INFINITY;
+    for (int i = 0; i < 160; ++i) f[30000 + static_cast<size_t>(i)] = 1e30f;  // finite, but far beyond full scale
     writeWav(p("far.wav"), f);
     const ToolRun r = kvaec("simulate -q --no-plot --far " + p("far.wav") + " -o " + p("sim"));
     ASSERT_EQ(r.code, 0) << r.out;
-    EXPECT_TRUE(has(r, "canceller reset (mode kept)")) << r.out;
+    EXPECT_TRUE(has(r, "holds 1 non-finite samples: used as silence")) << r.out;
+    EXPECT_TRUE(has(r, "canceller reset and its settings reloaded")) << r.out;
+    EXPECT_TRUE(has(r, "frames around a reset left out")) << r.out;
+    EXPECT_FALSE(has(r, "nan")) << r.out;
+    EXPECT_FALSE(has(r, "inf")) << r.out;
     for (const char *w : {"sim/send.wav", "sim/played.wav", "sim/echo.wav"})
         for (float v : readWav(p(w)).x) ASSERT_TRUE(std::isfinite(v)) << w;
+}
+
+// ---- nothing of the user's is lost, every bad input gets one clear line ----
+
+namespace {
+
+std::string slurp(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    std::ostringstream o;
+    o << f.rdbuf();
+    return o.str();
+}
+
+// Runs the tool in the background (arguments split on spaces), returns its pid.
+pid_t spawn(const std::string &args) {
+    std::vector<std::string> parts;
+    std::istringstream in(args);
+    for (std::string w; in >> w;) parts.push_back(w);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        std::vector<char *> argv;
+        argv.push_back(const_cast<char *>(KVAEC_TOOL_EXE));
+        for (std::string &w : parts) argv.push_back(w.data());
+        argv.push_back(nullptr);
+        const int devnull = ::open("/dev/null", O_WRONLY);
+        ::dup2(devnull, 1);
+        ::dup2(devnull, 2);
+        ::execv(KVAEC_TOOL_EXE, argv.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+// Waits (up to 20 s) until a hidden temporary file appears in `dir`.
+bool waitForTemporary(const std::string &dir) {
+    for (int i = 0; i < 2000; ++i) {
+        for (const std::string &n : listDir(dir))
+            if (!n.empty() && n[0] == '.') return true;
+        ::usleep(10000);
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST_F(Tool, ProcessNeverWritesOverAnInput) {
+    makePair();
+    const std::string farBytes = slurp(p("far.wav")), micBytes = slurp(p("mic.wav"));
+    ASSERT_EQ(::symlink(p("mic.wav").c_str(), p("link.wav").c_str()), 0);
+    ASSERT_EQ(::link(p("far.wav").c_str(), p("hard.wav").c_str()), 0);
+    ASSERT_EQ(::mkdir(p("sub").c_str(), 0777), 0);
+    const std::string in = " -q --far " + p("far.wav") + " --mic " + p("mic.wav");
+    struct Case {
+        std::string args, message;
+    };
+    const Case cases[] = {
+        {"-o " + p("mic.wav"), "output '" + p("mic.wav") + "' (--out) is the input '" + p("mic.wav") + "' (--mic)"},
+        {"-o " + p("out.wav") + " --far-out " + p("far.wav"), "(--far-out) is the input '" + p("far.wav") + "' (--far)"},
+        {"-o " + p("link.wav"), "(--out) is the input '" + p("mic.wav") + "' (--mic)"},
+        {"-o " + p("hard.wav"), "(--out) is the input '" + p("far.wav") + "' (--far)"},
+        {"-o " + dir + "/./sub/../mic.wav", "is the input"},
+    };
+    for (const Case &c : cases) {
+        const ToolRun r = kvaec("process" + in + " " + c.args);
+        EXPECT_EQ(r.code, 1) << c.args;
+        EXPECT_TRUE(has(r, c.message)) << r.out;
+        EXPECT_TRUE(has(r, "it would be overwritten")) << r.out;
+    }
+    EXPECT_EQ(slurp(p("far.wav")), farBytes);
+    EXPECT_EQ(slurp(p("mic.wav")), micBytes);
+    EXPECT_EQ(listDir(dir).size(), 5u);  // far, mic, link, hard, sub: no output, no temporary
+}
+
+TEST_F(Tool, TwoOutputsThatAreOneFileAreRefused) {
+    makePair();
+    ASSERT_EQ(::mkdir(p("o").c_str(), 0777), 0);
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + dir +
+                            "/./o/../o/out.wav --far-out " + p("o/out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "are the same file")) << r.out;
+    EXPECT_TRUE(listDir(p("o")).empty());
+}
+
+TEST_F(Tool, SimulateNeverWritesOverItsInput) {
+    ASSERT_EQ(::mkdir(p("sim").c_str(), 0777), 0);
+    const std::vector<float> f = noise(3, 48000);
+    writeWav(p("sim/far.wav"), f, 48000);
+    const std::string before = slurp(p("sim/far.wav"));
+    const ToolRun r = kvaec("simulate -q --no-plot -o " + p("sim") + " --far " + p("sim/far.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "output '" + p("sim/far.wav") + "' is the input '" + p("sim/far.wav") + "' (--far)")) << r.out;
+    EXPECT_EQ(slurp(p("sim/far.wav")), before);
+    EXPECT_EQ(listDir(p("sim")).size(), 1u);
+}
+
+TEST_F(Tool, OutputToDevNullIsWrittenIntoTheDevice) {
+    makePair();
+    struct stat before {};
+    ASSERT_EQ(::stat("/dev/null", &before), 0);
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o /dev/null --far-out /dev/null");
+    EXPECT_EQ(r.code, 0) << r.out;
+    struct stat after {};
+    ASSERT_EQ(::stat("/dev/null", &after), 0);
+    EXPECT_TRUE(S_ISCHR(after.st_mode));
+    EXPECT_EQ(after.st_rdev, before.st_rdev);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+TEST_F(Tool, OutputToAFifoGoesToItsReaderAndTheFifoStays) {
+    makePair();
+    ASSERT_EQ(::mkfifo(p("out.fifo").c_str(), 0600), 0);
+    // With no reader: a clear error at once, no waiting.
+    ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.fifo"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "it is a FIFO with no reader")) << r.out;
+    // With a reader (cat into a file), the reader gets the whole WAV.
+    const std::string reader = "timeout 60 cat " + p("out.fifo") + " > " + p("got.wav") + " &";
+    ASSERT_EQ(std::system(("sh -c '" + reader + " sleep 0.3; timeout 60 " + KVAEC_TOOL_EXE + " process -q --far " + p("far.wav") +
+                           " --mic " + p("mic.wav") + " -o " + p("out.fifo") + " >/dev/null 2>&1; echo $? > " +
+                           p("rc") + "; wait'").c_str()),
+              0);
+    EXPECT_EQ(slurp(p("rc")), "0\n");
+    struct stat st {};
+    ASSERT_EQ(::stat(p("out.fifo").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+    EXPECT_EQ(readWav(p("got.wav")).x.size(), far.size());
+}
+
+TEST_F(Tool, InterruptedRunsLeaveNoTemporaryAndSaySo) {
+    // simulate, SIGINT
+    const pid_t a = spawn("simulate -q --no-plot --no-espeak --duration 3000 -o " + p("sim"));
+    ASSERT_TRUE(waitForTemporary(p("sim")));
+    ::kill(a, SIGINT);
+    int st = 0;
+    ASSERT_EQ(::waitpid(a, &st, 0), a);
+    EXPECT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGINT);
+    EXPECT_FALSE(exists(p("sim")));  // made for the run, removed with its temporaries
+    // process, SIGTERM (a long recording, so that it is still at work)
+    const size_t n = 16000 * 600;
+    std::vector<float> f = noise(1, n);
+    writeWav(p("far.wav"), f);
+    writeWav(p("mic.wav"), echoOf(f, 800, n));
+    ASSERT_EQ(::mkdir(p("out").c_str(), 0777), 0);
+    const pid_t b = spawn("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out/o.wav") +
+                          " --far-out " + p("out/new/f.wav"));
+    ASSERT_TRUE(waitForTemporary(p("out")));
+    ::kill(b, SIGTERM);
+    ASSERT_EQ(::waitpid(b, &st, 0), b);
+    EXPECT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGTERM);
+    EXPECT_TRUE(listDir(p("out")).empty());
+}
+
+TEST_F(Tool, BadConfigurationIsRefusedBeforeAnyWorkNamingFieldAndRange) {
+    makePair();
+    const std::string in = "process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav");
+    struct Case {
+        std::string args, message;
+    };
+    const Case cases[] = {
+        {"--fErlInitDb nan", "invalid configuration: fErlInitDb: must be a finite number from -40 to 10 (dB)"},
+        {"--fErlInitDb 1e9", "fErlInitDb: must be a finite number from -40 to 10 (dB)"},
+        {"--fLevelFloorDb 1e38", "fLevelFloorDb: must be a finite number from -120 to -50 (dB)"},
+        {"--fLevelFloorDb 0", "fLevelFloorDb: must be a finite number from -120 to -50 (dB)"},
+        {"--fRinLevelRefDb -inf", "fRinLevelRefDb: must be a finite number from -20 to 150 (dB)"},
+        {"--fNrLevelDb 2", "fNrLevelDb: must be a finite number from 0 to 1"},
+        {"--iProfile 7", "iProfile: must be an integer from 0 to 6"},
+        {"--fNlpAttMinDb 50", "fNlpAttMinDb: must not exceed fNlpAttMaxDb"},
+        {"--nlp-param nan", "fNlpParam: must be a finite number"},
+    };
+    for (const Case &c : cases) {
+        const ToolRun r = kvaec(in + " " + c.args);
+        EXPECT_EQ(r.code, 1) << c.args;
+        EXPECT_TRUE(has(r, c.message)) << r.out;
+        EXPECT_FALSE(exists(p("out.wav")));
+    }
+    const ToolRun s = kvaec("simulate -q --no-plot -o " + p("sim") + " --fDtdMarginDb 30");
+    EXPECT_EQ(s.code, 1);
+    EXPECT_TRUE(has(s, "fDtdMarginDb: must be a finite number from 0 to 20 (dB)")) << s.out;
+    EXPECT_FALSE(exists(p("sim")));
+    const ToolRun e = kvaec("simulate -q --no-plot -o " + p("sim") + " --erl nan");
+    EXPECT_EQ(e.code, 1);
+    EXPECT_TRUE(has(e, "--erl must be a finite number")) << e.out;
+}
+
+TEST_F(Tool, SimulateRefusesAnImpulseResponseWithNonFiniteTaps) {
+    std::vector<float> h(400, 0.0f);
+    h[20] = 0.5f;
+    h[100] = std::nanf("");
+    writeWav(p("rir.wav"), h);
+    const ToolRun r = kvaec("simulate -q --no-plot --duration 2 --rir " + p("rir.wav") + " -o " + p("sim"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "impulse-response file '" + p("rir.wav") + "' holds an unusable tap")) << r.out;
+    EXPECT_TRUE(listDir(p("sim")).empty());
+}
+
+TEST_F(Tool, DelayOutOfRangeGetsAClearMessage) {
+    makePair();
+    const std::string in = "process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav");
+    ToolRun r = kvaec(in + " --delay 1e9");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "--delay 1e+09 ms is beyond the end of the microphone recording")) << r.out;
+    EXPECT_FALSE(has(r, "bad_alloc")) << r.out;
+    r = kvaec(in + " --delay 3000");  // the recording is 3 s long
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "--delay 3000 ms is beyond the end of the microphone recording")) << r.out;
+    r = kvaec(in + " --delay inf");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "--delay takes 'auto' or a non-negative number of milliseconds")) << r.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+}
+
+TEST_F(Tool, ChannelZeroGetsAClearMessage) {
+    makePair();
+    const ToolRun r = kvaec("process -q --channel 0 --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 2);
+    EXPECT_TRUE(has(r, "a channel number counted from 1 (1 = the first channel) is needed, not '0'")) << r.out;
+    EXPECT_LT(r.out.size(), 400u) << r.out;
+}
+
+TEST_F(Tool, FifoInputIsRefusedWithoutWaiting) {
+    makePair();
+    ASSERT_EQ(::mkfifo(p("mic.fifo").c_str(), 0600), 0);
+    // `timeout` would turn a hang into exit code 124.
+    const ToolRun r = run("timeout 20 " + std::string(KVAEC_TOOL_EXE) + " process -q --far " + p("far.wav") +
+                          " --mic " + p("mic.fifo") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "'" + p("mic.fifo") + "' is a FIFO, not a regular file")) << r.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+}
+
+TEST_F(Tool, HeaderThatDisagreesWithTheFileSizeIsReported) {
+    makePair();
+    // Cut the microphone file short: its header still declares 3 s.
+    std::string bytes = slurp(p("mic.wav"));
+    bytes.resize(bytes.size() - 16000 * 4);
+    std::ofstream(p("mic.wav"), std::ios::binary) << bytes;
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "warning: '" + p("mic.wav") + "': the header disagrees with the file's size")) << r.out;
+    EXPECT_TRUE(has(r, "truncated or damaged file; using the 32000 sample frames present")) << r.out;
+}
+
+TEST_F(Tool, InputWithoutUsableSamplesIsAnError) {
+    makePair();
+    writeWav(p("nan.wav"), std::vector<float>(16000, std::nanf("")));
+    ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("nan.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "microphone file '" + p("nan.wav") + "' holds no usable samples (all 16000 are NaN or infinite)")) << r.out;
+    r = kvaec("process -q --far " + p("nan.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r, "far-end file '" + p("nan.wav") + "' holds no usable samples")) << r.out;
+    EXPECT_FALSE(exists(p("out.wav")));
+}
+
+TEST_F(Tool, BadSamplesDoNotMisleadTheDelayOrTheFigures) {
+    makePair(301, 4.0);
+    std::vector<float> f = readWav(p("far.wav")).x, m = readWav(p("mic.wav")).x;
+    f[3000] = std::nanf("");                                              // one NaN early on
+    for (size_t i = 0; i < 160; ++i) m[16000 + 1600 + i] = 1e30f;          // 10 ms burst in the microphone
+    for (size_t i = 0; i < 160; ++i) f[40000 + i] = i % 2 ? 1e30f : -1e30f;  // and one in the far end
+    writeWav(p("far.wav"), f);
+    writeWav(p("mic.wav"), m);
+    const ToolRun r = kvaec("process -q --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " + p("out.wav"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has(r, "bulk delay:      18.81 ms (301 samples")) << r.out;
+    EXPECT_TRUE(has(r, "frames with bursts left out")) << r.out;
+    const size_t at = r.out.find("ERLE:");
+    ASSERT_NE(at, std::string::npos) << r.out;
+    const double erle = std::atof(r.out.c_str() + at + 5);
+    EXPECT_TRUE(std::isfinite(erle));
+    EXPECT_LT(erle, 80.0) << r.out;  // the burst frames would give hundreds of dB
+    EXPECT_FALSE(has(r, "nan")) << r.out;
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 #include <cstdio>
+#include <cstring>
 #include <dirent.h>
 #include <random>
 #include <sndfile.h>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "audio_io.h"
+#include "common.h"
 #include "delay.h"
 #include "health.h"
 #include "kvaec.h"
@@ -313,9 +315,37 @@ TEST(AudioFiles, OutputAppearsOnlyOnCommit) {
     removeTree(d);
 }
 
-TEST(AudioFiles, OutputInMissingDirectoryFailsAtOnce) {
+TEST(AudioFiles, OutputUnderARegularFileFailsAtOnce) {
+    char t[] = "/tmp/kvaec-outtest-XXXXXX";
+    ASSERT_NE(::mkdtemp(t), nullptr);
+    const std::string d = t, file = d + "/plain";
+    std::FILE *f = std::fopen(file.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fclose(f);
     OutputSet o;
-    EXPECT_THROW(o.add("/nonexistent-kvaec-dir/x.wav"), ToolError);
+    EXPECT_THROW(o.add(file + "/sub/x.wav"), ToolError);
+    std::system(("rm -rf '" + d + "'").c_str());
+}
+
+TEST(AudioFiles, MissingDirectoriesAreCreatedAndRemovedAgainWithoutCommit) {
+    char t[] = "/tmp/kvaec-outtest-XXXXXX";
+    ASSERT_NE(::mkdtemp(t), nullptr);
+    const std::string d = t;
+    struct stat st {};
+    {
+        OutputSet o;
+        o.add(d + "/a/b/x.wav");
+        EXPECT_EQ(::stat((d + "/a/b").c_str(), &st), 0);
+    }
+    EXPECT_NE(::stat((d + "/a").c_str(), &st), 0);  // not committed: nothing left
+    {
+        OutputSet o;
+        const int i = o.add(d + "/a/b/x.wav");
+        o.writeText(i, "x");
+        o.commit();
+    }
+    EXPECT_EQ(::stat((d + "/a/b/x.wav").c_str(), &st), 0);
+    std::system(("rm -rf '" + d + "'").c_str());
 }
 
 TEST(AudioFiles, MissingAndNonAudioFilesGiveClearErrors) {
@@ -409,4 +439,63 @@ TEST(HealthWatch, SelfTestRunsOnceASecond) {
     EXPECT_EQ(h.events()[0].bistCount, 1);
     EXPECT_EQ(h.events()[0].nonFiniteOut, 0);
     EXPECT_EQ(AEC_Db.uiFlags, static_cast<unsigned>(KVAEC_MODE_FREEZE));
+}
+
+TEST(HealthWatch, ResetReloadsTheCheckedSettings) {
+    Settings s;
+    s.cfg.fNrLevelDb = 0.5f;
+    s.cfg.fDtdMarginDb = 3.0f;
+    s.mode = KVAEC_MODE_SEND_ONLY_LOSS;
+    s.nlpParamSet = true;
+    s.nlpParam = 2.5f;
+    checkSettings(s);
+    startCanceller(s);
+    HealthWatch h(s);
+    // A fault that damaged the active configuration: a reset alone would keep it.
+    AEC_Db.tCfg.fErlInitDb = std::nanf("");
+    AEC_Db.tCfg.iProfile = 99;
+    float rin[160] = {}, sin[160] = {};
+    sin[0] = std::nanf("");
+    EXPECT_TRUE(h.afterFrame(0, rin, sin));
+    EXPECT_EQ(std::memcmp(&AEC_Db.tCfg, &s.cfg, sizeof s.cfg), 0);
+    EXPECT_EQ(AEC_Db.fNlpParam, 2.5f);
+    EXPECT_EQ(AEC_Db.uiFlags, s.mode);
+    EXPECT_TRUE(h.nearReset(0));
+    EXPECT_TRUE(h.nearReset(100));
+    EXPECT_FALSE(h.nearReset(101));
+}
+
+TEST(Settings, CheckRefusesWithTheLibrarysReason) {
+    Settings s;
+    s.cfg.fErlInitDb = std::nanf("");
+    try {
+        checkSettings(s);
+        FAIL() << "accepted";
+    } catch (const ToolError &e) {
+        EXPECT_STREQ(e.what(), "invalid configuration: fErlInitDb: must be a finite number from -40 to 10 (dB)");
+    }
+    s = Settings{};
+    s.nlpParamSet = true;
+    s.nlpParam = INFINITY;
+    EXPECT_THROW(checkSettings(s), ToolError);
+}
+
+TEST(AudioFiles, OutputSetComparesFilesByIdentity) {
+    const std::string d = tempDir();
+    const std::vector<float> x = noise(1, 160);
+    writeWavAtomic(d + "/in.wav", x, 16000);
+    ASSERT_EQ(::symlink((d + "/in.wav").c_str(), (d + "/ln.wav").c_str()), 0);
+    {
+        OutputSet o;
+        o.protectInput(d + "/in.wav", "--mic");
+        EXPECT_THROW(o.add(d + "/ln.wav", "--out"), ToolError);
+        EXPECT_THROW(o.add(d + "/../" + d.substr(d.rfind('/') + 1) + "/in.wav", "--out"), ToolError);
+        o.add(d + "/new.wav", "--out");
+        EXPECT_THROW(o.add(d + "/./new.wav", "--far-out"), ToolError);  // does not exist yet: by resolved path
+        EXPECT_THROW(o.protectInput(d + "/new.wav", "--far"), ToolError);
+    }
+    EXPECT_TRUE(fileId(d + "/in.wav") == fileId(d + "/ln.wav"));
+    EXPECT_FALSE(fileId(d + "/in.wav") == fileId(d + "/other.wav"));
+    EXPECT_EQ(listDir(d).size(), 2u);  // in.wav, ln.wav: the reserved output's temporary is gone
+    removeTree(d);
 }

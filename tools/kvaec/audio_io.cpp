@@ -42,11 +42,14 @@ const char *kindOf(mode_t m) {
     return "not a regular file";
 }
 
-// Temporary files of all live output sets, for the signal handler: fixed
-// storage, so that the handler only reads memory and calls unlink().
-constexpr int kMaxTemps = 32;
+// Temporary files (and directories made for outputs) of all live output
+// sets, for the signal handler: fixed storage, so that the handler only reads
+// memory and calls unlink() and rmdir(). gTempUsed: 0 free, 1 file,
+// 2 + n directory made n-th (removed innermost first).
+constexpr int kMaxTemps = 64;
 char gTemps[kMaxTemps][PATH_MAX];
 volatile sig_atomic_t gTempUsed[kMaxTemps];
+int gDirSerial = 0;
 
 // Blocks SIGINT and SIGTERM while the registry changes.
 class SignalBlock {
@@ -63,12 +66,12 @@ private:
     sigset_t old_;
 };
 
-void registerTemp(const std::string &path) {
+void registerTemp(const std::string &path, bool directory = false) {
     SignalBlock b;
     for (int i = 0; i < kMaxTemps; ++i)
         if (!gTempUsed[i] && path.size() < PATH_MAX) {
             std::memcpy(gTemps[i], path.c_str(), path.size() + 1);
-            gTempUsed[i] = 1;
+            gTempUsed[i] = directory ? 2 + gDirSerial++ : 1;
             return;
         }
 }
@@ -84,7 +87,16 @@ void unregisterTemp(const std::string &path) {
 
 void onInterrupt(int sig) {
     for (int i = 0; i < kMaxTemps; ++i)
-        if (gTempUsed[i]) ::unlink(gTemps[i]);
+        if (gTempUsed[i] == 1) ::unlink(gTemps[i]);
+    // Directories made for the outputs, the last made first.
+    for (;;) {
+        int last = -1;
+        for (int i = 0; i < kMaxTemps; ++i)
+            if (gTempUsed[i] >= 2 && (last < 0 || gTempUsed[i] > gTempUsed[last])) last = i;
+        if (last < 0) break;
+        ::rmdir(gTemps[last]);
+        gTempUsed[last] = 0;
+    }
     const char *msg = sig == SIGINT ? "\nkvaec: interrupted (SIGINT); no output written, temporary files removed\n"
                                     : "\nkvaec: terminated (SIGTERM); no output written, temporary files removed\n";
     const ssize_t r = ::write(2, msg, std::strlen(msg));
@@ -146,6 +158,9 @@ void installInterruptHandler() {
     sa.sa_flags = 0;
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    // A FIFO output whose reader goes away gives a write error (EPIPE) and a
+    // clean exit instead of a silent death that would leave temporaries.
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 Audio readAudio(const std::string &path, std::vector<std::string> *warnings) {
@@ -289,13 +304,44 @@ InputCheck checkInput(const std::vector<float> &x, int rate) {
 }
 
 OutputSet::~OutputSet() {
+    for (Item &it : items_)
+        if (it.fd >= 0) ::close(it.fd);
     if (committed_) return;
     for (const Item &it : items_)
         if (!it.temp.empty()) {
             ::unlink(it.temp.c_str());
             unregisterTemp(it.temp);
         }
+    for (auto d = createdDirs_.rbegin(); d != createdDirs_.rend(); ++d) {
+        ::rmdir(d->c_str());
+        unregisterTemp(*d);
+    }
 }
+
+namespace {
+
+// Creates the missing directories of `dir`, outermost first, and appends
+// each one made to `created`.
+void makeDirectories(const std::string &dir, const std::string &named, std::vector<std::string> &created) {
+    std::string sofar;
+    size_t pos = 0;
+    while (pos <= dir.size()) {
+        const size_t next = dir.find('/', pos);
+        sofar = dir.substr(0, next == std::string::npos ? dir.size() : next);
+        pos = next == std::string::npos ? dir.size() + 1 : next + 1;
+        if (sofar.empty()) continue;
+        struct stat st {};
+        if (::stat(sofar.c_str(), &st) == 0) continue;
+        SignalBlock hold;  // made and registered as one step
+        if (::mkdir(sofar.c_str(), 0777) != 0 && errno != EEXIST)
+            throw ToolError("cannot write " + named + ": cannot create directory '" + sofar + "': " +
+                            std::strerror(errno));
+        created.push_back(sofar);
+        registerTemp(sofar, true);
+    }
+}
+
+}  // namespace
 
 void OutputSet::protectInput(const std::string &path, const std::string &what) {
     Input in{path, what, fileId(path)};
@@ -314,7 +360,7 @@ int OutputSet::add(const std::string &path, const std::string &what) {
     const bool exists = ::stat(path.c_str(), &pst) == 0;
     if (exists && S_ISDIR(pst.st_mode)) throw ToolError("cannot write " + named + ": it is a directory");
     const bool special = exists && !S_ISREG(pst.st_mode);
-    Item item{path, what, "", fileId(path), special, false};
+    Item item{path, what, "", fileId(path), special, -1, false};
     for (const Input &in : inputs_)
         if (in.id == item.id)
             throw ToolError("output " + named + " is the input '" + in.path + "' (" + in.what +
@@ -325,17 +371,21 @@ int OutputSet::add(const std::string &path, const std::string &what) {
                             (it.what.empty() ? "" : " (" + it.what + ")") + " are the same file");
     std::string tmpl;
     if (special) {
-        // Written into, never renamed over: check now that it can be opened
-        // for writing (a FIFO needs a reader already, so nothing waits).
-        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK);
+        // Written into, never renamed over. Opened now and held open until
+        // commit: a FIFO needs its reader already (nothing waits), and the
+        // reader sees one writer from start to end.
+        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         if (fd < 0) {
             if (errno == ENXIO)
                 throw ToolError("cannot write " + named + ": it is a FIFO with no reader (start the reader first)");
             throw ToolError("cannot write " + named + ": " + std::strerror(errno));
         }
-        ::close(fd);
+        // Blocking writes from here on (a slow reader is waited for).
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+        item.fd = fd;
         tmpl = tempDirectory() + "/kvaec-" + baseOf(path) + ".XXXXXX";
     } else {
+        makeDirectories(dir, named, createdDirs_);
         struct stat st {};
         if (::stat(dir.c_str(), &st) != 0)
             throw ToolError("cannot write " + named + ": directory '" + dir + "': " + std::strerror(errno));
@@ -352,9 +402,12 @@ int OutputSet::add(const std::string &path, const std::string &what) {
         fd = ::mkstemp(buf.data());
         if (fd >= 0) registerTemp(buf.data());
     }
-    if (fd < 0)
+    if (fd < 0) {
+        const int e = errno;
+        if (item.fd >= 0) ::close(item.fd);
         throw ToolError("cannot write " + named + (special ? " (temporary file in " + tempDirectory() + ")" : "") +
-                        ": " + std::strerror(errno));
+                        ": " + std::strerror(e));
+    }
     ::close(fd);
     item.temp = buf.data();
     items_.push_back(item);
@@ -389,15 +442,14 @@ void OutputSet::writeText(int index, const std::string &text) {
 
 namespace {
 
-// Copies the finished temporary file into an existing special file.
-void copyInto(const std::string &from, const std::string &to) {
+// Copies the finished temporary file into an existing special file, open
+// as `out` (closed here).
+void copyInto(const std::string &from, const std::string &to, int out) {
     const int in = ::open(from.c_str(), O_RDONLY);
-    if (in < 0) throw ToolError("cannot read the finished output for '" + to + "': " + std::strerror(errno));
-    const int out = ::open(to.c_str(), O_WRONLY);
-    if (out < 0) {
+    if (in < 0) {
         const int e = errno;
-        ::close(in);
-        throw ToolError("cannot write '" + to + "': " + std::strerror(e));
+        ::close(out);
+        throw ToolError("cannot read the finished output for '" + to + "': " + std::strerror(e));
     }
     char buf[65536];
     bool ok = true;
@@ -431,7 +483,9 @@ void OutputSet::commit() {
         if (!it.written) throw ToolError("internal: output '" + it.path + "' was never written");
     for (Item &it : items_) {
         if (it.special) {
-            copyInto(it.temp, it.path);
+            const int fd = it.fd;
+            it.fd = -1;
+            copyInto(it.temp, it.path, fd);
             ::unlink(it.temp.c_str());
             unregisterTemp(it.temp);
             it.temp.clear();
@@ -446,6 +500,7 @@ void OutputSet::commit() {
         unregisterTemp(it.temp);
         it.temp.clear();
     }
+    for (const std::string &d : createdDirs_) unregisterTemp(d);
     committed_ = true;
 }
 
@@ -458,11 +513,7 @@ void writeWavAtomic(const std::string &path, const std::vector<float> &x, int ra
 
 void ensureDirectory(const std::string &dir) {
     struct stat st {};
-    if (::stat(dir.c_str(), &st) != 0) {
-        if (::mkdir(dir.c_str(), 0777) != 0)
-            throw ToolError("cannot create output directory '" + dir + "': " + std::strerror(errno));
-        return;
-    }
+    if (::stat(dir.c_str(), &st) != 0) return;
     if (!S_ISDIR(st.st_mode)) throw ToolError("'" + dir + "' exists and is not a directory");
     if (::access(dir.c_str(), W_OK) != 0)
         throw ToolError("output directory '" + dir + "' is not writable: " + std::strerror(errno));

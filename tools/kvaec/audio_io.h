@@ -91,9 +91,10 @@ public:
     // Registers an input (`what`: how messages name it, e.g. "--far").
     // Throws when an output already added is the same file.
     void protectInput(const std::string &path, const std::string &what);
-    // Reserves `path` (throws ToolError when its directory is not writable,
-    // or it is an input or another output). `what` names the option.
-    // Returns the index to pass to the write functions.
+    // Reserves `path`, creating its missing parent directories (throws
+    // ToolError when that fails, its directory is not writable, or it is an
+    // input or another output). `what` names the option. Returns the index
+    // to pass to the write functions.
     int add(const std::string &path, const std::string &what = "");
     // Writes a mono WAV (32-bit float, or 16-bit PCM) to the temporary file.
     void writeWav(int index, const std::vector<float> &x, int rate, bool pcm16 = false);
@@ -113,6 +114,7 @@ private:
         std::string temp;
         FileId id;
         bool special = false;  // existing non-regular file: written into, never renamed over
+        int fd = -1;           // a special output, held open from add() to commit()
         bool written = false;
     };
     struct Input {
@@ -121,6 +123,7 @@ private:
     };
     std::vector<Item> items_;
     std::vector<Input> inputs_;
+    std::vector<std::string> createdDirs_;  // made by add(), removed again unless committed
     bool committed_ = false;
 };
 
@@ -132,7 +135,8 @@ void installInterruptHandler();
 // Writes a mono WAV atomically (temporary file in the same directory, then rename).
 void writeWavAtomic(const std::string &path, const std::vector<float> &x, int rate, bool pcm16 = false);
 
-// Creates `dir` (one level, or it exists) and checks it is a writable directory.
+// When `dir` exists, checks that it is a writable directory (a missing one is
+// created by OutputSet::add, and removed again if the run fails).
 void ensureDirectory(const std::string &dir);
 
 }  // namespace kvaec::tool

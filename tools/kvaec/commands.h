@@ -11,7 +11,7 @@ namespace kvaec::tool {
 struct ProcessArgs {
     std::string far, mic, out, farOut;
     std::string delay = "auto";   // "auto" or milliseconds
-    double delayMarginMs = 2.0;   // echo onset kept this far behind the reference
+    double delayMarginMs = 2.0;   // margin beyond KVAEC_ECHO_MIN_DELAY
     double maxDelayMs = 500.0;    // search range of the estimate
     double estimateSeconds = 5.0; // far-end activity analysed by the estimate
     int channel = 0;              // 1-based, 0 = not given
@@ -26,7 +26,7 @@ struct SimulateArgs {
     std::string far, near, rir;
     std::string room, micPos, spkPos;
     double rt60 = 0.3;
-    double latencyMs = 10.0;
+    double latencyMs = 20.0;      // with the room's flight time, beyond KVAEC_ECHO_MIN_DELAY
     std::string noise;            // "", white, pink, babble or a file
     double snrDb = 30.0;
     bool snrGiven = false;

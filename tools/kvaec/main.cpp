@@ -96,13 +96,15 @@ int main(int argc, char **argv) {
     CLI::App *proc = app.add_subcommand("process", "cancel the echo in a microphone recording made while the far-end recording played");
     proc->add_option("--far", pa.far, "far-end (loudspeaker) recording")->required();
     proc->add_option("--mic", pa.mic, "microphone recording")->required();
-    proc->add_option("-o,--out", pa.out, "output: the send signal, aligned with the microphone recording")->required();
+    proc->add_option("-o,--out", pa.out, "output: the send signal, aligned with the microphone recording (missing directories are created)")->required();
     proc->add_option("--far-out", pa.farOut, "also write the receive output (what the library would play), aligned with FAR");
     proc->add_option("--delay", pa.delay,
                      "bulk delay of the echo behind the far end: 'auto' (GCC-PHAT estimate on the first seconds with "
                      "far-end activity) or milliseconds")
         ->capture_default_str();
-    proc->add_option("--delay-margin", pa.delayMarginMs, "ms the echo onset is kept behind the echo reference")
+    proc->add_option("--delay-margin", pa.delayMarginMs, fmt("ms of margin beyond the least delay the canceller needs between its receive output and the echo "
+                         "(KVAEC_ECHO_MIN_DELAY, %d samples = %.1f ms)", KVAEC_ECHO_MIN_DELAY,
+                         1000.0 * KVAEC_ECHO_MIN_DELAY / KVAEC_SAMPLE_RATE))
         ->check(CLI::Range(0.0, 50.0))
         ->capture_default_str();
     proc->add_option("--max-delay", pa.maxDelayMs, "ms, search range of the delay estimate")
@@ -116,7 +118,7 @@ int main(int argc, char **argv) {
 
     SimulateArgs sa;
     CLI::App *sim = app.add_subcommand("simulate", "run the canceller in a simulated closed loop (echo made from what the library played)");
-    sim->add_option("-o,--out-dir", sa.dir, "output directory (created if missing)")->capture_default_str();
+    sim->add_option("-o,--out-dir", sa.dir, "output directory (created with its parents if missing)")->capture_default_str();
     sim->add_option("--far", sa.far, "far-end signal (default: speech by espeak-ng, else a built-in speech-like signal)");
     sim->add_option("--near", sa.near, "near-end signal at the microphone (default: a talker during the double-talk part)");
     sim->add_option("--rir", sa.rir, "loudspeaker-to-microphone impulse response (WAV) instead of the room model");
@@ -124,7 +126,9 @@ int main(int argc, char **argv) {
     sim->add_option("--rt60", sa.rt60, "reverberation time, s")->capture_default_str();
     sim->add_option("--mic-pos", sa.micPos, "microphone position X,Y,Z, m (default 2,2,1.2)");
     sim->add_option("--spk-pos", sa.spkPos, "loudspeaker position X,Y,Z, m (default 2.3,2.1,1.2)");
-    sim->add_option("--latency", sa.latencyMs, "playback latency before the echo path, ms (at least 10)")->capture_default_str();
+    sim->add_option("--latency", sa.latencyMs, fmt("playback latency before the echo path, ms (at least 10; below %.1f ms minus the flight time the echo "
+                         "comes sooner than the canceller needs, and a warning says so)",
+                         1000.0 * KVAEC_ECHO_MIN_DELAY / KVAEC_SAMPLE_RATE))->capture_default_str();
     sim->add_option("--noise", sa.noise, "microphone noise: white, pink, babble or a WAV file");
     sim->add_option_function<double>(
         "--snr", [&sa](const double &v) { sa.snrDb = v; sa.snrGiven = true; },

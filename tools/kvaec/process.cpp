@@ -5,14 +5,15 @@
 // canceller put on the receive path would not show in the microphone file:
 // all loss is kept on the send path (single-stage suppression, mode 0x40).
 //
-// Alignment: the library's echo reference is its own receive output, which
-// is the far end delayed by 40 samples. The recording's echo lags the far
-// end by its bulk delay D (estimated by GCC-PHAT unless given). The far end
-// is delayed, or the microphone is, so that the echo onset lands a small
-// margin behind the reference:
-//   s = D - 40 - margin;  far in: delayed by max(s, 0); mic in: by max(-s, 0).
-// The outputs are shifted back so that OUT.wav lines up with MIC.wav and the
-// far-end output with FAR.wav, sample for sample.
+// Alignment: the library cancels the echo of its own receive output, and
+// only echo that reaches it at least KVAEC_ECHO_MIN_DELAY samples after the
+// receive output left it (kvaec.h). The recording's echo lags the far end by
+// its bulk delay D (estimated by GCC-PHAT unless given); kvaec_align_shift()
+// says how far to delay the microphone (or, when negative, the far end) so
+// that the echo reaches the library KVAEC_ECHO_MIN_DELAY + margin samples
+// after the receive output. The outputs are shifted back so that OUT.wav
+// lines up with MIC.wav and the far-end output with FAR.wav, sample for
+// sample.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -131,8 +132,9 @@ int runProcess(const ProcessArgs &a) {
         delayText = fmt("%.2f ms (%ld samples, given)", 1000.0 * static_cast<double>(bulk) / kRate, bulk);
     }
     const long margin = static_cast<long>(std::lround(a.delayMarginMs * kRate / 1000.0));
-    const long s = bulk - kRinDelay - margin;
-    const long farShift = std::max(s, 0L), micShift = std::max(-s, 0L);
+    const long shift = kvaec_align_shift(static_cast<int32_t>(std::min(bulk, 0x7fffffffL)),
+                                         static_cast<int32_t>(margin));
+    const long farShift = std::max(-shift, 0L), micShift = std::max(shift, 0L);
 
     // Frames to run: enough to bring every microphone sample and every
     // far-end sample through the library.
@@ -224,7 +226,9 @@ int runProcess(const ProcessArgs &a) {
     std::printf("duration:        %.2f s (%ld frames)\n", dur, frames);
     std::printf("real-time factor: %.4f (%.1f s of audio per second)\n", secs / dur, secs > 0 ? dur / secs : 0.0);
     std::printf("bulk delay:      %s\n", delayText.c_str());
-    std::printf("alignment:       far end delayed %ld samples, microphone delayed %ld samples\n", farShift, micShift);
+    std::printf("alignment:       far end delayed %ld samples, microphone delayed %ld samples: the echo reaches "
+                "the canceller %ld samples after the receive output (least %d)\n",
+                farShift, micShift, bulk + micShift - farShift - kRinDelay, KVAEC_ECHO_MIN_DELAY);
     const double erle = 10.0 * std::log10((erleIn + 1e-20) / (erleOut + 1e-20));
     if (erleFrames > 0 && std::isfinite(erle))
         std::printf("ERLE:            %.1f dB over %ld frames with far-end activity\n", erle, erleFrames);

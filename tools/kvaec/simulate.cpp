@@ -83,6 +83,15 @@ std::string runPlot(const std::string &csv, const std::string &png) {
     return "the plot script failed";
 }
 
+// Index of the first tap within 20 dB of the largest (0 for a silent path).
+long firstArrival(const std::vector<float> &h) {
+    float peak = 0.0f;
+    for (float v : h) peak = std::max(peak, std::fabs(v));
+    for (size_t i = 0; i < h.size(); ++i)
+        if (std::fabs(h[i]) >= 0.1f * peak && peak > 0.0f) return static_cast<long>(i);
+    return 0;
+}
+
 double sumDb(double num, double den) { return 10.0 * std::log10((num + 1e-20) / (den + 1e-20)); }
 
 // A figure in dB, or "n/a" when it is not a finite number.
@@ -240,6 +249,17 @@ int runSimulate(const SimulateArgs &a) {
         p->insert(p->begin(), static_cast<size_t>(latRest), 0.0f);
         if (p->size() > static_cast<size_t>(kMaxPathSamples)) p->resize(kMaxPathSamples);
     }
+    // Delay from a sample leaving aecx_process as receive output to the first
+    // arrival of its echo at the microphone input: the playback frames plus
+    // the path up to its first tap within 20 dB of the strongest.
+    const long echoDelay = static_cast<long>(playbackFrames) * kFrame + firstArrival(path);
+    if (echoDelay < KVAEC_ECHO_MIN_DELAY)
+        warn(fmt("the echo reaches the microphone %ld samples after the receive output, less than the %d the "
+                 "canceller needs (KVAEC_ECHO_MIN_DELAY): the early part of the echo is not cancelled. A host "
+                 "with this latency delays the microphone by the difference (kvaec_align_shift); here, raise "
+                 "--latency to %.1f ms or more",
+                 echoDelay, KVAEC_ECHO_MIN_DELAY,
+                 1000.0 * static_cast<double>(lat + KVAEC_ECHO_MIN_DELAY - echoDelay) / kRate));
 
     // ---- closed loop ----
     kvaec::sim::ClosedLoop loop(path, playbackFrames);
@@ -315,6 +335,8 @@ int runSimulate(const SimulateArgs &a) {
     std::printf("echo path:        %s; latency %.1f ms; ERL %s%s\n", pathSrc.c_str(), 1000.0 * static_cast<double>(lat) / kRate,
                 (a.rir.empty() || a.erlGiven) ? fmt("%.1f dB", a.erlDb).c_str() : "as in the file",
                 a.nonlinear > 0 ? fmt("; loudspeaker drive %.2f", a.nonlinear).c_str() : "");
+    std::printf("echo delay:       %ld samples from the receive output to the echo's first arrival (the "
+                "canceller needs %d)\n", echoDelay, KVAEC_ECHO_MIN_DELAY);
     std::printf("duration:         %.2f s (%ld frames)\n", static_cast<double>(N) / kRate, frames);
     std::printf("ERLE over time (far end active, no near talker%s):\n",
                 health.events().empty() ? "" : "; frames around a reset left out");
