@@ -16,12 +16,14 @@ kvaec_install_missing() {
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# The build, the tests and the tools.
+# The build, the tests and the tools (with the PipeWire plugin: its SPA
+# headers, the SpeexDSP resampler, and the daemon its integration test runs).
 kvaec_install_deps() {
   local pkgs=(cmake make g++ pkg-config libgtest-dev googletest libbenchmark-dev
               python3-numpy python3-scipy python3-matplotlib python3-pytest
               python3-venv python3-pip python3-setuptools python3-wheel
-              libsndfile1-dev libsamplerate0-dev libcli11-dev espeak-ng)
+              libsndfile1-dev libsamplerate0-dev libcli11-dev espeak-ng
+              libspa-0.2-dev libspeexdsp-dev pipewire pipewire-bin)
   if [ "$(dpkg --print-architecture 2>/dev/null)" = amd64 ]; then pkgs+=(g++-multilib); fi
   kvaec_install_missing "${pkgs[@]}"
 }

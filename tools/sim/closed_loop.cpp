@@ -17,9 +17,9 @@ double powerOf(const float *x, int n) {
 
 double levelDb(const float *x, int n) { return 10.0 * std::log10(powerOf(x, n) + 1e-20); }
 
-std::vector<float> makeEchoPath(uint32_t seed, double latencyMs, double tailMs, double erlDb) {
-    const int lat = static_cast<int>(latencyMs * kRate / 1000.0);
-    const int tail = static_cast<int>(tailMs * kRate / 1000.0);
+std::vector<float> makeEchoPath(uint32_t seed, double latencyMs, double tailMs, double erlDb, int rate) {
+    const int lat = static_cast<int>(latencyMs * rate / 1000.0);
+    const int tail = static_cast<int>(tailMs * rate / 1000.0);
     std::vector<float> h(static_cast<size_t>(lat + tail), 0.0f);
     std::mt19937 rng(seed);
     std::normal_distribution<double> g(0.0, 1.0);
@@ -43,25 +43,25 @@ void WhiteNoise::fill(float *x, int n) {
     for (int i = 0; i < n; ++i) x[i] = gain_ * dist_(rng_);
 }
 
-SpeechLike::SpeechLike(uint32_t seed, double levelDbfs, bool bursts)
-    : rng_(seed), dist_(0.0f, 1.0f), uni_(0.0f, 1.0f), bursts_(bursts) {
+SpeechLike::SpeechLike(uint32_t seed, double levelDbfs, bool bursts, int rate)
+    : rng_(seed), dist_(0.0f, 1.0f), uni_(0.0f, 1.0f), bursts_(bursts), rate_(rate) {
     // Calibrate the gain on 4 s of the shaped, modulated noise.
     SpeechLike probe(*this);
     probe.bursts_ = false;
     probe.gain_ = 1.0;
-    std::vector<float> buf(4 * kRate);
+    std::vector<float> buf(4 * rate_);
     probe.fill(buf.data(), static_cast<int>(buf.size()));
     const double p = powerOf(buf.data(), static_cast<int>(buf.size()));
     gain_ = std::pow(10.0, levelDbfs / 20.0) / std::sqrt(p);
-    left_ = bursts_ ? static_cast<int>((0.2f + 1.8f * uni_(rng_)) * kRate) : 0;
+    left_ = bursts_ ? static_cast<int>((0.2f + 1.8f * uni_(rng_)) * static_cast<float>(rate_)) : 0;
 }
 
 double SpeechLike::shape(float w) {
     // Two one-pole low-passes at about 800 Hz, then a one-pole high-pass at about 100 Hz.
-    const double a = std::exp(-2.0 * M_PI * 800.0 / kRate);
+    const double a = std::exp(-2.0 * M_PI * 800.0 / rate_);
     lp1_ = (1 - a) * w + a * lp1_;
     lp2_ = (1 - a) * lp1_ + a * lp2_;
-    const double c = std::exp(-2.0 * M_PI * 100.0 / kRate);
+    const double c = std::exp(-2.0 * M_PI * 100.0 / rate_);
     const double y = c * (hpOut_ + lp2_ - hpIn_);
     hpIn_ = lp2_;
     hpOut_ = y;
@@ -73,11 +73,11 @@ void SpeechLike::fill(float *x, int n) {
         if (bursts_) {
             if (--left_ <= 0) {
                 on_ = !on_;
-                left_ = static_cast<int>((0.2f + 1.8f * uni_(rng_)) * kRate);
+                left_ = static_cast<int>((0.2f + 1.8f * uni_(rng_)) * static_cast<float>(rate_));
             }
         }
         // Syllabic modulation at about 4 Hz.
-        phase_ += 2.0 * M_PI * 4.0 / kRate;
+        phase_ += 2.0 * M_PI * 4.0 / rate_;
         const double env = 0.25 + 0.75 * std::fabs(std::sin(phase_));
         const double y = shape(dist_(rng_)) * env;
         x[i] = on_ ? static_cast<float>(gain_ * y) : 0.0f;

@@ -23,8 +23,9 @@ double powerOf(const float *x, int n);
 
 // A loudspeaker-to-microphone echo path: pure latency plus an exponentially
 // decaying random tail, scaled so that the echo is `erlDb` below its input
-// for white input (ERL as a positive loss in dB).
-std::vector<float> makeEchoPath(uint32_t seed, double latencyMs, double tailMs, double erlDb);
+// for white input (ERL as a positive loss in dB). `rate`: sample rate of the
+// path in Hz (the library's 16 kHz unless a host runs at another rate).
+std::vector<float> makeEchoPath(uint32_t seed, double latencyMs, double tailMs, double erlDb, int rate = kRate);
 
 // Signal sources (frame by frame, deterministic for a seed).
 class WhiteNoise {
@@ -40,10 +41,10 @@ private:
 // Noise shaped to a long-term speech spectrum (resonant low-pass around
 // 500 Hz with a -12 dB/octave slope above about 1 kHz and a high-pass near
 // 100 Hz), switched on and off in bursts of 0.2-2 s, with syllabic modulation.
-// `levelDbfs` is the level while active.
+// `levelDbfs` is the level while active; `rate` the sample rate in Hz.
 class SpeechLike {
 public:
-    SpeechLike(uint32_t seed, double levelDbfs, bool bursts = true);
+    SpeechLike(uint32_t seed, double levelDbfs, bool bursts = true, int rate = kRate);
     void fill(float *x, int n);
     bool active() const { return on_; }
 private:
@@ -51,6 +52,7 @@ private:
     std::normal_distribution<float> dist_;
     std::uniform_real_distribution<float> uni_;
     bool bursts_;
+    int rate_;
     bool on_ = true;
     int left_ = 0;
     double gain_ = 1.0;
