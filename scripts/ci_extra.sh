@@ -57,7 +57,11 @@ i386_runner() {
     echo "i386: 32-bit x86 binaries run natively on this kernel" >&2
     echo native
   elif command -v qemu-i386 > /dev/null && qemu-i386 "$tmp/probe" > /dev/null 2>&1; then
-    echo "i386: this kernel cannot run 32-bit x86 binaries (probe exit $rc); running them under qemu-i386" >&2
+    if [ "$rc" = forced ]; then
+      echo "i386: KVAEC_I386_EMULATE=1: running 32-bit x86 binaries under qemu-i386" >&2
+    else
+      echo "i386: this kernel cannot run 32-bit x86 binaries (probe exit $rc); running them under qemu-i386" >&2
+    fi
     echo qemu-i386
   else
     echo "i386: this kernel cannot run 32-bit x86 binaries (probe exit $rc) and qemu-i386 (package qemu-user) cannot either" >&2
