@@ -93,7 +93,7 @@ step_i386() {
   mkdir -p "$root/build-i386"
   echo "$runner" > "$root/build-i386/runner"
   cmake -S "$root" -B "$root/build-i386" -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON \
-    -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF -DKVAEC_BUILD_PIPEWIRE=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" "${emu[@]}" > /dev/null
   cmake --build "$root/build-i386" -j"$jobs" > "$root/build-i386/build.log" 2>&1 \
     || { tail -50 "$root/build-i386/build.log"; return 1; }
@@ -105,7 +105,7 @@ step_asan() {
   # -fno-sanitize=vptr: the vptr check needs RTTI and the library is built
   # without it (it has no polymorphic types anyway).
   local san="-fsanitize=address,undefined -fno-sanitize-recover=all -fno-sanitize=vptr -fno-omit-frame-pointer"
-  cmake -S "$root" -B "$root/build-asan" -DKVAEC_WERROR=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF \
+  cmake -S "$root" -B "$root/build-asan" -DKVAEC_WERROR=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF -DKVAEC_BUILD_PIPEWIRE=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS="$san" -DCMAKE_CXX_FLAGS="$san" \
     -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined" > /dev/null
   cmake --build "$root/build-asan" -j"$jobs" > "$root/build-asan/build.log" 2>&1 \
@@ -143,7 +143,7 @@ step_valgrind() {
 
 step_armhf() {
   cmake -S "$root" -B "$root/build-armhf" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" \
-    -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF \
+    -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF -DKVAEC_BUILD_PIPEWIRE=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
   cmake --build "$root/build-armhf" -j"$jobs" > "$root/build-armhf/build.log" 2>&1 \
     || { tail -50 "$root/build-armhf/build.log"; return 1; }
@@ -155,7 +155,7 @@ step_armhf() {
 
 step_aarch64() {
   cmake -S "$root" -B "$root/build-aarch64" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-aarch64.cmake" \
-    -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF \
+    -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF -DKVAEC_BUILD_PIPEWIRE=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
   cmake --build "$root/build-aarch64" -j"$jobs" --target perf_test_kernels perf_test_equivalence golden_test_golden \
     > "$root/build-aarch64/build.log" 2>&1 || { tail -50 "$root/build-aarch64/build.log"; return 1; }
