@@ -9,7 +9,9 @@
 //   kvaec_stage_times speech|decaying [ftz]
 // decaying: far end and microphone fall by 1 dB per frame (from -26 dBFS),
 // crossing into the subnormal range after about 730 frames; ftz sets the
-// host's flush-to-zero and denormals-are-zero modes (MXCSR).
+// host's flush-to-zero and denormals-are-zero modes (MXCSR), which changes
+// nothing now: the replay runs in the library's own floating-point mode, as
+// aecx_process does (src/core/fpenv.h).
 #include <xmmintrin.h>
 
 #include <chrono>
@@ -23,6 +25,7 @@
 #include "closed_loop.h"
 #include "cond/cond.h"
 #include "core/core.h"
+#include "core/fpenv.h"
 #include "det/det.h"
 #include "fb/fb.h"
 #include "kvaec.h"
@@ -90,6 +93,7 @@ int main(int argc, char **argv) {
             std::memcpy(r, &far[size_t(i) * kFrame], sizeof r);
             std::memcpy(s, &mic[size_t(i) * kFrame], sizeof s);
             if (pass == 1) {
+                const kvaec::fpenv::Scope mode;
                 db0 = AEC_Db;
                 sc0 = AEC_Sc;
                 std::memcpy(ref0, AEC_afRef, sizeof ref0);

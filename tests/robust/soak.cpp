@@ -13,9 +13,6 @@
 //   soak [--minutes N] [--seed S]     (default 60 minutes of audio, seed 1)
 // Exit status 0 when every check held.
 #include <algorithm>
-#if defined(__SSE__)
-#include <xmmintrin.h>
-#endif
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -71,23 +68,16 @@ private:
 int main(int argc, char **argv) {
     double minutes = 60;
     uint32_t seed = 1;
-    bool ftz = true;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--minutes") && i + 1 < argc) minutes = std::atof(argv[++i]);
         else if (!std::strcmp(argv[i], "--seed") && i + 1 < argc) seed = static_cast<uint32_t>(std::atol(argv[++i]));
-        else if (!std::strcmp(argv[i], "--no-ftz")) ftz = false;
         else {
-            std::fprintf(stderr, "usage: %s [--minutes N] [--seed S] [--no-ftz]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--minutes N] [--seed S]\n", argv[0]);
             return 2;
         }
     }
-    // Like the recommended host set-up for the audio thread: subnormal results
-    // flush to zero and subnormal inputs read as zero, so that decaying states
-    // after long silence cost no more than speech. --no-ftz measures without it.
-#if defined(__SSE__)
-    if (ftz) _mm_setcsr(_mm_getcsr() | 0x8040u);
-#endif
-    std::printf("soak: flush-to-zero %s\n", ftz ? "on (host recommendation)" : "off");
+    // The host's floating-point mode is left as the process starts (no
+    // flush-to-zero): the library sets its own mode inside each call.
     const long frames = static_cast<long>(minutes * 60.0 * kFps);
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> uni(0.0, 1.0);
