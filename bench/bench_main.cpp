@@ -34,9 +34,6 @@
 #include "kvaec.h"
 #include "kvaec_records.h"
 
-// AVX2 prototype of the tapered update (avx2_proto.cpp, measurement only).
-void benchUpdateTaperedAvx2(float *c, const float *r, float ur, float ui, int groups, float taper);
-
 namespace {
 
 constexpr int kFrame = 160;
@@ -340,8 +337,7 @@ BENCHMARK_TEMPLATE(fbStageBench, rcvSynthesis)->Name("BM_Stage_fb_rcv_synthesis"
 BENCHMARK_TEMPLATE(fbStageBench, refAnalysis)->Name("BM_Stage_fb_ref_analysis")->Arg(1)->Arg(0)->ArgName("vector");
 
 // ---- single kernels ----
-// impl:0 scalar reference, 1 SSE2, 2 AVX2 (the library's cancellation
-// kernel; for the tapered update the prototype in avx2_proto.cpp). groups:
+// impl:0 scalar reference, 1 SSE2, 2 AVX2 (the library's kernels). groups:
 // 9 and 12 groups of four taps, the 36- and 48-tap filters. Each call works
 // on the same buffers; results are checked against the reference first.
 
@@ -385,7 +381,7 @@ void BM_Kernel_tapered_update(benchmark::State &state) {
     }
     using Fn = void (*)(float *, const float *, float, float, int, float);
     const Fn fn = impl == 0 ? kvaec::kern::updateTaperedScalar
-                            : impl == 1 ? kvaec::kern::updateTaperedSse2 : benchUpdateTaperedAvx2;
+                            : impl == 1 ? kvaec::kern::updateTaperedSse2 : kvaec::kern::updateTaperedAvx2;
     const std::vector<float> ref = kernelData(3, 8 * 16);
     std::vector<float> want = kernelData(4, 8 * 16), got = want;
     kvaec::kern::updateTaperedScalar(want.data(), ref.data(), 0.3f, -0.2f, groups, 0.85f);
@@ -399,6 +395,68 @@ void BM_Kernel_tapered_update(benchmark::State &state) {
     }
 }
 BENCHMARK(BM_Kernel_tapered_update)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
+
+void BM_Kernel_block_update(benchmark::State &state) {
+    const int groups = static_cast<int>(state.range(0));
+    const int impl = static_cast<int>(state.range(1));
+    if (impl == 2 && !__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no AVX2");
+        return;
+    }
+    using Fn = void (*)(float *, const float *, float (*)[2], int, float);
+    const Fn fn = impl == 0 ? kvaec::kern::blockUpdateScalar
+                            : impl == 1 ? kvaec::kern::blockUpdateSse2 : kvaec::kern::blockUpdateAvx2;
+    const std::vector<float> x = kernelData(5, 8 * 16 + 8);
+    std::vector<float> want = kernelData(6, 8 * 16), got = want;
+    float eW[4][2] = {{0.3f, -0.2f}, {0.1f, 0.05f}, {-0.2f, 0.3f}, {0.01f, 0.4f}};
+    float eG[4][2];
+    std::memcpy(eG, eW, sizeof eW);
+    kvaec::kern::blockUpdateScalar(want.data(), x.data(), eW, groups, 0.85f);
+    fn(got.data(), x.data(), eG, groups, 0.85f);
+    if (want != got || std::memcmp(eW, eG, sizeof eW) != 0) state.SkipWithError("differs from the reference");
+    std::vector<float> c = kernelData(6, 8 * 16);
+    for (auto _ : state) {
+        float e[4][2] = {{1e-9f, -1e-9f}, {1e-9f, 1e-9f}, {-1e-9f, 1e-9f}, {1e-9f, 1e-9f}};
+        fn(c.data(), x.data(), e, groups, 0.85f);
+        benchmark::DoNotOptimize(c.data());
+    }
+}
+BENCHMARK(BM_Kernel_block_update)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
+
+// The slow bank's four sub-sample errors of one band: impl:0 four scalar
+// calls, 1 four SSE2 calls, 2 the AVX2 kernel doing all four at once.
+void BM_Kernel_cancel_band4(benchmark::State &state) {
+    const int groups = static_cast<int>(state.range(0));
+    const int impl = static_cast<int>(state.range(1));
+    if (impl == 2 && !__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no AVX2");
+        return;
+    }
+    const std::vector<float> ref = kernelData(7, 8 * 16 + 8), coef = kernelData(8, 8 * 16);
+    auto run = [&](float (*acc)[2]) {
+        if (impl == 2) {
+            kvaec::kern::cancelBand4Avx2(ref.data(), coef.data(), acc, groups);
+            return;
+        }
+        for (int j = 0; j < 4; ++j) {
+            if (impl == 0)
+                kvaec::kern::cancelBandScalar(ref.data() + 2 * (3 - j), coef.data(), acc[j], groups);
+            else
+                kvaec::kern::cancelBandSse2(ref.data() + 2 * (3 - j), coef.data(), acc[j], groups);
+        }
+    };
+    float want[4][2] = {}, got[4][2] = {};
+    for (int j = 0; j < 4; ++j)
+        kvaec::kern::cancelBandScalar(ref.data() + 2 * (3 - j), coef.data(), want[j], groups);
+    run(got);
+    if (std::memcmp(want, got, sizeof want) != 0) state.SkipWithError("differs from the reference");
+    for (auto _ : state) {
+        float acc[4][2] = {};
+        run(acc);
+        benchmark::DoNotOptimize(acc);
+    }
+}
+BENCHMARK(BM_Kernel_cancel_band4)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
 
 // ---- peers ----
 
