@@ -78,6 +78,12 @@ class FpMode : public ::testing::Test {
     void SetUp() override {
         if (!kSwitches) GTEST_SKIP() << "no floating-point control word handled on this target";
         saved_ = readWord();
+        // valgrind does not model these modes: its control word reads back
+        // without them and its arithmetic keeps subnormals.
+        writeWord(ftzOn(saved_));
+        const bool kept = readWord() == ftzOn(saved_);
+        writeWord(saved_);
+        if (!kept) GTEST_SKIP() << "the flush-to-zero mode does not stick on this processor or emulator";
         aecx_init(nullptr);
     }
     void TearDown() override {
