@@ -28,6 +28,7 @@
 #include "adf/adf.h"
 #include "adf/adf_kern.h"
 #include "closed_loop.h"
+#include "core/fpenv.h"
 #include "core/simd.h"
 #include "det/det.h"
 #include "fb/fb.h"
@@ -457,6 +458,31 @@ void BM_Kernel_cancel_band4(benchmark::State &state) {
     }
 }
 BENCHMARK(BM_Kernel_cancel_band4)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
+
+// Cost of the floating-point mode switch of the entry points: save the
+// caller's control word, set the library's mode, restore (arg 0: the
+// caller's flush-to-zero off, 1: on). For scale, the empty entry point
+// aecx_miceq with profile 0 (it only switches the mode and returns).
+void BM_FpModeSwitch(benchmark::State &state) {
+    const unsigned csr = _mm_getcsr();
+    _mm_setcsr(state.range(0) ? (csr | 0x8040u) : (csr & ~0x8040u));
+    for (auto _ : state) {
+        const kvaec::fpenv::Scope mode;
+        benchmark::ClobberMemory();
+    }
+    _mm_setcsr(csr);
+}
+BENCHMARK(BM_FpModeSwitch)->Arg(0)->Arg(1)->ArgName("host_ftz");
+
+void BM_EmptyEntryPoint(benchmark::State &state) {
+    aecx_init(nullptr);  // profile 0: aecx_miceq leaves the frame as it is
+    float x[kFrame] = {};
+    for (auto _ : state) {
+        aecx_miceq(x);
+        benchmark::DoNotOptimize(x);
+    }
+}
+BENCHMARK(BM_EmptyEntryPoint);
 
 // ---- peers ----
 
