@@ -23,10 +23,10 @@ inline double splitFloat(float v, int *e) {
     return static_cast<double>(m);
 }
 
-// ldexp(p, k) for 1 <= p < 2 and -2048 < k < 2048, rounded to single: the
-// product with 2^k is exact in double wherever the single result is not
-// zero or infinite, so it is formed directly (no library call); beyond
-// that range the single result is +0 or +infinity either way.
+// ldexp(p, k) for 1 <= p < 2 and -2048 < k < 2048, rounded to single. For
+// -1000 <= k <= 1000 the product with 2^k (a normal double) is exact, as
+// ldexp's result is, so it is formed directly (no library call); below and
+// above that range the single result is +0 or +infinity either way.
 inline float scalePow2(double p, int k) {
     if (k < -1000) return 0.0f;
     if (k > 1000) return HUGE_VALF;
