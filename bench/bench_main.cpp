@@ -28,14 +28,12 @@
 #include "adf/adf.h"
 #include "adf/adf_kern.h"
 #include "closed_loop.h"
+#include "core/fpenv.h"
 #include "core/simd.h"
 #include "det/det.h"
 #include "fb/fb.h"
 #include "kvaec.h"
 #include "kvaec_records.h"
-
-// AVX2 prototype of the tapered update (avx2_proto.cpp, measurement only).
-void benchUpdateTaperedAvx2(float *c, const float *r, float ur, float ui, int groups, float taper);
 
 namespace {
 
@@ -47,7 +45,8 @@ constexpr int kWarmup = 300;
 // path with 40 ms of playback latency, near-end bursts and noise.
 struct Input {
     std::vector<float> far, mic;
-    Input() : far(kFrames * kFrame), mic(kFrames * kFrame) {
+    std::vector<float> local, echo;  // mic = near end + (echo + noise); local = near end + noise
+    Input() : far(kFrames * kFrame), mic(kFrames * kFrame), local(kFrames * kFrame), echo(kFrames * kFrame) {
         kvaec::sim::SpeechLike f(51, -26.0), n(52, -36.0);
         kvaec::sim::WhiteNoise w(53, -70.0);
         f.fill(far.data(), kFrames * kFrame);
@@ -58,6 +57,8 @@ struct Input {
         for (size_t t = 0; t < mic.size(); ++t) {
             double e = 0;
             for (size_t i = 0; i < path.size() && i <= t; ++i) e += double(path[i]) * far[t - i];
+            local[t] = mic[t] + noise[t];
+            echo[t] = static_cast<float>(e);
             mic[t] += static_cast<float>(e) + noise[t];
         }
     }
@@ -67,9 +68,6 @@ const Input &input() {
     static const Input in;
     return in;
 }
-
-// Silence and decaying signals for the denormal comparison.
-std::vector<float> silence() { return std::vector<float>(kFrames * kFrame, 0.0f); }
 
 void kvaecRun(benchmark::State &state, unsigned mode, const std::vector<float> &far,
               const std::vector<float> &mic) {
@@ -150,35 +148,110 @@ void BM_KvaecBypassFrame(benchmark::State &state) {
 }
 BENCHMARK(BM_KvaecBypassFrame);
 
-// Denormal check: long silence on both paths, and a signal decaying by
-// 1 dB per frame into silence (repeated every 10 s), against speech.
-void BM_KvaecSilence(benchmark::State &state) {
-    static const std::vector<float> z = silence();
-    kvaecRun(state, 0, z, z);
-    setCounters(state, false);
-}
-BENCHMARK(BM_KvaecSilence);
+// Hard inputs, with the host's flush-to-zero and denormals-are-zero modes
+// off (MXCSR cleared of them for the run): frames after 3 s of the
+// speech-like closed loop (the state saved there and restored every
+// kHardFrames frames, outside the timing), continuing with
+//   input:0 the speech-like closed loop itself (the reference),
+//   input:1 digital silence on both paths,
+//   input:2 the far end (and with it the echo) decaying slowly through the
+//           subnormal range, 0.1 dB per frame from -700 dB to -800 dB (the
+//           first 700 dB at 1 dB per frame before the timing starts), the
+//           near end (bursts and noise at -70 dBFS) unchanged,
+//   input:3 full-scale square waves on both paths (periods 40 and 37
+//           samples, +-1.0),
+//   input:4 both paths decaying as the far end of input:2.
+constexpr int kHardFrames = 1000;
 
-// Argument ftz:1 runs with the host's flush-to-zero and denormals-are-zero
-// modes set (MXCSR), the usual setting of an audio thread.
-void BM_KvaecDecaying(benchmark::State &state) {
-    const unsigned csr = _mm_getcsr();
-    if (state.range(0)) _mm_setcsr(csr | 0x8040u);
-    static std::vector<float> far, mic;
-    if (far.empty()) {
-        far = input().far;
-        mic = input().mic;
-        for (size_t t = 0; t < far.size(); ++t) {
-            const float g = std::pow(10.0f, -static_cast<float>(t / kFrame) / 20.0f);
-            far[t] *= g;
-            mic[t] *= g;
+struct Snapshot {
+    AEC_tDb db;
+    AEC_tSc sc;
+    float ref[AEC_REF_FLOATS], adf[AEC_ADF_FLOATS], ads[AEC_ADF_FLOATS];
+    void save() {
+        db = AEC_Db;
+        sc = AEC_Sc;
+        std::memcpy(ref, AEC_afRef, sizeof ref);
+        std::memcpy(adf, AEC_afAdf, sizeof adf);
+        std::memcpy(ads, AEC_afAds, sizeof ads);
+    }
+    void restore() const {
+        AEC_Db = db;
+        AEC_Sc = sc;
+        std::memcpy(AEC_afRef, ref, sizeof ref);
+        std::memcpy(AEC_afAdf, adf, sizeof adf);
+        std::memcpy(AEC_afAds, ads, sizeof ads);
+    }
+};
+
+// Far end and microphone of frame k (k >= 0 counted from the end of the 3 s
+// of speech) of hard input `kind`; negative k: the untimed lead-in.
+void hardFrame(int kind, int k, float *r, float *s) {
+    const int speech = (kWarmup + k + 1000 * kFrames) % kFrames;
+    std::memcpy(r, &input().far[size_t(speech) * kFrame], kFrame * sizeof(float));
+    std::memcpy(s, &input().mic[size_t(speech) * kFrame], kFrame * sizeof(float));
+    if (kind == 1) {
+        std::memset(r, 0, kFrame * sizeof(float));
+        std::memset(s, 0, kFrame * sizeof(float));
+    } else if (kind == 2 || kind == 4) {
+        // -700 dB after 700 lead-in frames, then 0.1 dB per frame.
+        const double db = k < 0 ? -(700.0 + k) : -700.0 - 0.1 * k;
+        const double g = std::pow(10.0, db / 20.0);
+        const size_t t0 = size_t(speech) * kFrame;
+        for (int n = 0; n < kFrame; ++n) {
+            r[n] = static_cast<float>(r[n] * g);
+            s[n] = kind == 2 ? input().local[t0 + n] + static_cast<float>(input().echo[t0 + n] * g)
+                             : static_cast<float>(s[n] * g);
+        }
+    } else if (kind == 3) {
+        for (int n = 0; n < kFrame; ++n) {
+            const long t = long(k + 1000) * kFrame + n;
+            r[n] = (t % 40) < 20 ? 1.0f : -1.0f;
+            s[n] = (t % 37) < 18 ? 1.0f : -1.0f;
         }
     }
-    kvaecRun(state, 0, far, mic);
+}
+
+void BM_KvaecInput(benchmark::State &state) {
+    const int kind = static_cast<int>(state.range(0));
+    const unsigned csr = _mm_getcsr();
+    _mm_setcsr(csr & ~0x8040u);
+    aecx_init(nullptr);
+    float r[kFrame], s[kFrame];
+    for (int k = 0; k < kWarmup; ++k) {
+        std::memcpy(r, &input().far[size_t(k) * kFrame], sizeof r);
+        std::memcpy(s, &input().mic[size_t(k) * kFrame], sizeof s);
+        aecx_process(r, s);
+    }
+    const int lead = (kind == 2 || kind == 4) ? 700 : 0;
+    for (int k = -lead; k < 0; ++k) {
+        hardFrame(kind, k, r, s);
+        aecx_process(r, s);
+    }
+    // The timed frames' inputs, made before the timing.
+    static std::vector<float> far, mic;
+    far.resize(size_t(kHardFrames) * kFrame);
+    mic.resize(size_t(kHardFrames) * kFrame);
+    for (int k = 0; k < kHardFrames; ++k) hardFrame(kind, k, &far[size_t(k) * kFrame], &mic[size_t(k) * kFrame]);
+    static Snapshot snap;
+    snap.save();
+    int k = 0;
+    for (auto _ : state) {
+        if (k == kHardFrames) {
+            state.PauseTiming();
+            snap.restore();
+            k = 0;
+            state.ResumeTiming();
+        }
+        std::memcpy(r, &far[size_t(k) * kFrame], sizeof r);
+        std::memcpy(s, &mic[size_t(k) * kFrame], sizeof s);
+        aecx_process(r, s);
+        benchmark::DoNotOptimize(s);
+        ++k;
+    }
     _mm_setcsr(csr);
     setCounters(state, false);
 }
-BENCHMARK(BM_KvaecDecaying)->Arg(0)->Arg(1)->ArgName("ftz");
+BENCHMARK(BM_KvaecInput)->DenseRange(0, 4)->ArgName("input");
 
 // Single stages on the state of a normal frame, restored before every run.
 struct Saved {
@@ -265,8 +338,7 @@ BENCHMARK_TEMPLATE(fbStageBench, rcvSynthesis)->Name("BM_Stage_fb_rcv_synthesis"
 BENCHMARK_TEMPLATE(fbStageBench, refAnalysis)->Name("BM_Stage_fb_ref_analysis")->Arg(1)->Arg(0)->ArgName("vector");
 
 // ---- single kernels ----
-// impl:0 scalar reference, 1 SSE2, 2 AVX2 (the library's cancellation
-// kernel; for the tapered update the prototype in avx2_proto.cpp). groups:
+// impl:0 scalar reference, 1 SSE2, 2 AVX2 (the library's kernels). groups:
 // 9 and 12 groups of four taps, the 36- and 48-tap filters. Each call works
 // on the same buffers; results are checked against the reference first.
 
@@ -310,7 +382,7 @@ void BM_Kernel_tapered_update(benchmark::State &state) {
     }
     using Fn = void (*)(float *, const float *, float, float, int, float);
     const Fn fn = impl == 0 ? kvaec::kern::updateTaperedScalar
-                            : impl == 1 ? kvaec::kern::updateTaperedSse2 : benchUpdateTaperedAvx2;
+                            : impl == 1 ? kvaec::kern::updateTaperedSse2 : kvaec::kern::updateTaperedAvx2;
     const std::vector<float> ref = kernelData(3, 8 * 16);
     std::vector<float> want = kernelData(4, 8 * 16), got = want;
     kvaec::kern::updateTaperedScalar(want.data(), ref.data(), 0.3f, -0.2f, groups, 0.85f);
@@ -324,6 +396,93 @@ void BM_Kernel_tapered_update(benchmark::State &state) {
     }
 }
 BENCHMARK(BM_Kernel_tapered_update)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
+
+void BM_Kernel_block_update(benchmark::State &state) {
+    const int groups = static_cast<int>(state.range(0));
+    const int impl = static_cast<int>(state.range(1));
+    if (impl == 2 && !__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no AVX2");
+        return;
+    }
+    using Fn = void (*)(float *, const float *, float (*)[2], int, float);
+    const Fn fn = impl == 0 ? kvaec::kern::blockUpdateScalar
+                            : impl == 1 ? kvaec::kern::blockUpdateSse2 : kvaec::kern::blockUpdateAvx2;
+    const std::vector<float> x = kernelData(5, 8 * 16 + 8);
+    std::vector<float> want = kernelData(6, 8 * 16), got = want;
+    float eW[4][2] = {{0.3f, -0.2f}, {0.1f, 0.05f}, {-0.2f, 0.3f}, {0.01f, 0.4f}};
+    float eG[4][2];
+    std::memcpy(eG, eW, sizeof eW);
+    kvaec::kern::blockUpdateScalar(want.data(), x.data(), eW, groups, 0.85f);
+    fn(got.data(), x.data(), eG, groups, 0.85f);
+    if (want != got || std::memcmp(eW, eG, sizeof eW) != 0) state.SkipWithError("differs from the reference");
+    std::vector<float> c = kernelData(6, 8 * 16);
+    for (auto _ : state) {
+        float e[4][2] = {{1e-9f, -1e-9f}, {1e-9f, 1e-9f}, {-1e-9f, 1e-9f}, {1e-9f, 1e-9f}};
+        fn(c.data(), x.data(), e, groups, 0.85f);
+        benchmark::DoNotOptimize(c.data());
+    }
+}
+BENCHMARK(BM_Kernel_block_update)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
+
+// The slow bank's four sub-sample errors of one band: impl:0 four scalar
+// calls, 1 four SSE2 calls, 2 the AVX2 kernel doing all four at once.
+void BM_Kernel_cancel_band4(benchmark::State &state) {
+    const int groups = static_cast<int>(state.range(0));
+    const int impl = static_cast<int>(state.range(1));
+    if (impl == 2 && !__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no AVX2");
+        return;
+    }
+    const std::vector<float> ref = kernelData(7, 8 * 16 + 8), coef = kernelData(8, 8 * 16);
+    auto run = [&](float (*acc)[2]) {
+        if (impl == 2) {
+            kvaec::kern::cancelBand4Avx2(ref.data(), coef.data(), acc, groups);
+            return;
+        }
+        for (int j = 0; j < 4; ++j) {
+            if (impl == 0)
+                kvaec::kern::cancelBandScalar(ref.data() + 2 * (3 - j), coef.data(), acc[j], groups);
+            else
+                kvaec::kern::cancelBandSse2(ref.data() + 2 * (3 - j), coef.data(), acc[j], groups);
+        }
+    };
+    float want[4][2] = {}, got[4][2] = {};
+    for (int j = 0; j < 4; ++j)
+        kvaec::kern::cancelBandScalar(ref.data() + 2 * (3 - j), coef.data(), want[j], groups);
+    run(got);
+    if (std::memcmp(want, got, sizeof want) != 0) state.SkipWithError("differs from the reference");
+    for (auto _ : state) {
+        float acc[4][2] = {};
+        run(acc);
+        benchmark::DoNotOptimize(acc);
+    }
+}
+BENCHMARK(BM_Kernel_cancel_band4)->ArgsProduct({{9, 12}, {0, 1, 2}})->ArgNames({"groups", "impl"});
+
+// Cost of the floating-point mode switch of the entry points: save the
+// caller's control word, set the library's mode, restore (arg 0: the
+// caller's flush-to-zero off, 1: on). For scale, the empty entry point
+// aecx_miceq with profile 0 (it only switches the mode and returns).
+void BM_FpModeSwitch(benchmark::State &state) {
+    const unsigned csr = _mm_getcsr();
+    _mm_setcsr(state.range(0) ? (csr | 0x8040u) : (csr & ~0x8040u));
+    for (auto _ : state) {
+        const kvaec::fpenv::Scope mode;
+        benchmark::ClobberMemory();
+    }
+    _mm_setcsr(csr);
+}
+BENCHMARK(BM_FpModeSwitch)->Arg(0)->Arg(1)->ArgName("host_ftz");
+
+void BM_EmptyEntryPoint(benchmark::State &state) {
+    aecx_init(nullptr);  // profile 0: aecx_miceq leaves the frame as it is
+    float x[kFrame] = {};
+    for (auto _ : state) {
+        aecx_miceq(x);
+        benchmark::DoNotOptimize(x);
+    }
+}
+BENCHMARK(BM_EmptyEntryPoint);
 
 // ---- peers ----
 

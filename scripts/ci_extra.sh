@@ -12,7 +12,8 @@
 #   armhf     whole test suite for 32-bit ARM hard-float, run under qemu-arm
 #             (includes the bit-exact golden run against tests/golden/golden_hash.txt)
 #   aarch64   64-bit ARM with the NEON kernels, under qemu-aarch64: kernel and
-#             whole-frame equivalence with the scalar code, and the golden run
+#             whole-frame equivalence with the scalar code, the golden run, and
+#             the floating-point mode of the entry points (FPCR)
 #   fuzz      libFuzzer target, 60 s from the seed corpus (KVAEC_FUZZ_SECONDS)
 #   soak      5 minutes of closed-loop audio (KVAEC_SOAK_MINUTES)
 set -euo pipefail
@@ -158,8 +159,11 @@ step_aarch64() {
     -DKVAEC_WERROR=ON -DKVAEC_GTEST_FROM_SOURCE=ON -DKVAEC_BUILD_TOOLS=OFF -DKVAEC_BUILD_SHARED=OFF -DKVAEC_BUILD_PIPEWIRE=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
   cmake --build "$root/build-aarch64" -j"$jobs" --target perf_test_kernels perf_test_equivalence golden_test_golden \
+    core_test_fpenv \
     > "$root/build-aarch64/build.log" 2>&1 || { tail -50 "$root/build-aarch64/build.log"; return 1; }
   ctest --test-dir "$root/build-aarch64" --output-on-failure -j"$jobs" -L 'perf|golden'
+  # The floating-point mode of the entry points (FPCR on AArch64).
+  ctest --test-dir "$root/build-aarch64" --output-on-failure -j"$jobs" -R '^FpMode\.'
 }
 
 step_fuzz() {

@@ -77,7 +77,10 @@ inline float *bandCoef(float *bank, int s, int i) {
 void updateTapered(float *c, const float *r, float ur, float ui, int groups, float taper) {
 #if KVAEC_SIMD_SSE2
     if (kvaec::simd::vectorOn()) {
-        kvaec::kern::updateTaperedSse2(c, r, ur, ui, groups, taper);
+        if (kvaec::simd::avx2On())
+            kvaec::kern::updateTaperedAvx2(c, r, ur, ui, groups, taper);
+        else
+            kvaec::kern::updateTaperedSse2(c, r, ur, ui, groups, taper);
         return;
     }
 #elif KVAEC_SIMD_NEON
@@ -93,7 +96,10 @@ void updateTapered(float *c, const float *r, float ur, float ui, int groups, flo
 void blockUpdate(float *c, const float *x, float (*e)[2], int groups, float taper) {
 #if KVAEC_SIMD_SSE2
     if (kvaec::simd::vectorOn()) {
-        kvaec::kern::blockUpdateSse2(c, x, e, groups, taper);
+        if (kvaec::simd::avx2On())
+            kvaec::kern::blockUpdateAvx2(c, x, e, groups, taper);
+        else
+            kvaec::kern::blockUpdateSse2(c, x, e, groups, taper);
         return;
     }
 #elif KVAEC_SIMD_NEON
@@ -109,7 +115,10 @@ void blockUpdate(float *c, const float *x, float (*e)[2], int groups, float tape
 void whiten(const float (*a)[2], const float *x, float (*w)[2], int groups) {
 #if KVAEC_SIMD_SSE2
     if (kvaec::simd::vectorOn()) {
-        kvaec::kern::whitenSse2(a, x, w, groups);
+        if (kvaec::simd::avx2On())
+            kvaec::kern::whitenAvx2(a, x, w, groups);
+        else
+            kvaec::kern::whitenSse2(a, x, w, groups);
         return;
     }
 #elif KVAEC_SIMD_NEON

@@ -97,7 +97,26 @@ void kvaec::kern::cancelBandScalar(const float *ref, const float *coef, float *a
 // Slow bank, all bands: the four errors of the frame are formed with the
 // coefficients left by the previous frame (block adaptation), sub-sample 0
 // first, bands in increasing order.
+//
+// The errors are independent of one another (each reads the history and the
+// coefficients, which nothing here changes, and writes only its own value),
+// so the AVX2 path forms the four sub-samples of a band together.
 void aec_cancel_slow(AEC_tDb *db, AEC_tSc *sc) {
+#if KVAEC_SIMD_SSE2
+    if (kvaec::simd::vectorOn() && kvaec::simd::avx2On()) {
+        for (int s = 0; s < AEC_NSTRIPS; ++s) {
+            const int refSz = AEC_aiRefSzStrip[s];
+            const int adfSz = AEC_aiAdfSzStrip[s];
+            for (int i = 0; i < AEC_aiBandsPerStrip[s]; ++i) {
+                const int b = AEC_aiBandOffStrip[s] + i;
+                const float *ref = db->pafRef + 2 * (AEC_aiRefOffStrip[s] + i * refSz);
+                const float *coef = db->pafAds + 2 * (AEC_aiAdfOffStrip[s] + i * adfSz);
+                kvaec::kern::cancelBand4Avx2(ref, coef, sc->acErrAds[b], adfSz >> 2);
+            }
+        }
+        return;
+    }
+#endif
     for (unsigned j = 0; j < AEC_NSUB; ++j)
         cancelStrips(db->pafRef, db->pafAds, sc->acErrAds, j, 0, AEC_NSTRIPS);
 }

@@ -1,5 +1,6 @@
 // The frame driver: every stage of the canceller in its fixed order.
 #include "core.h"
+#include "fpenv.h"
 
 #include "../adf/adf.h"
 #include "../cond/cond.h"
@@ -124,7 +125,11 @@ void bypassFrame(AEC_tDb *db, AEC_tSc *sc, float *rin, float *sin) {
 
 }  // namespace
 
+// Runs in the library's floating-point mode (flush-to-zero, subnormal
+// operands read as zero, rounding to nearest; see fpenv.h) and gives the
+// caller its own mode back on return.
 void aecx_process(float *rin, float *sin) {
+    const kvaec::fpenv::Scope mode;
     AEC_tDb *db = &AEC_Db;
     AEC_tSc *sc = &AEC_Sc;
     if (db->uiFlags & KVAEC_MODE_BYPASS)

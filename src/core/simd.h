@@ -46,9 +46,10 @@ inline bool vectorOn() { return false; }
 #endif
 
 #if KVAEC_SIMD_SSE2
-// AVX2 kernels (the cancellation kernel only; it is the one where 256-bit
-// vectors pay) run where the processor and the operating system support
-// AVX2, unless switched off here (tests compare them with the SSE2 path).
+// AVX2 kernels (cancellation, the slow bank's four-sub-sample errors, the
+// tapered and block updates, the whitening filter) run where the processor
+// and the operating system support AVX2, unless switched off here (tests
+// compare them with the SSE2 path). They never use FMA or AVX-512.
 extern bool g_noAvx2;
 inline void setAvx2(bool allowed) { g_noAvx2 = !allowed; }
 inline bool avx2On() { return !g_noAvx2 && __builtin_cpu_supports("avx2"); }

@@ -4,6 +4,8 @@
 // included) passes the frame through untouched.
 #include "eq.h"
 
+#include "../core/fpenv.h"
+
 void aec_miceq(AEC_tDb *db, AEC_tSc *sc, float *x) {
     const int32_t profile = db->tCfg.iProfile;
     const float *h;
@@ -19,4 +21,8 @@ void aec_miceq(AEC_tDb *db, AEC_tSc *sc, float *x) {
     aeceq_fir48(db->afMicEqHist, sc->afEqWork, h, x);
 }
 
-void aecx_miceq(float *x) { aec_miceq(&AEC_Db, &AEC_Sc, x); }
+// Runs in the library's floating-point mode (see core/fpenv.h).
+void aecx_miceq(float *x) {
+    const kvaec::fpenv::Scope mode;
+    aec_miceq(&AEC_Db, &AEC_Sc, x);
+}

@@ -11,6 +11,8 @@
 // delays by one sample; that delay is part of its defined response.
 #include "eq.h"
 
+#include "../core/fpenv.h"
+
 #include <cstddef>
 
 #include "../cond/cond.h"
@@ -59,4 +61,8 @@ void aec_spkeq(AEC_tDb *db, AEC_tSc *sc, float *x) {
     }
 }
 
-void aecx_spkeq(float *x) { aec_spkeq(&AEC_Db, &AEC_Sc, x); }
+// Runs in the library's floating-point mode (see core/fpenv.h).
+void aecx_spkeq(float *x) {
+    const kvaec::fpenv::Scope mode;
+    aec_spkeq(&AEC_Db, &AEC_Sc, x);
+}

@@ -65,6 +65,26 @@ TEST(En2Log, BitExactToItsFormulaOverASweep) {
     for (float x : {0.0f, 1e-12f, 1.0f, 3.0f, 1e30f, 1e-40f}) EXPECT_EQ(bits(aec_utl_en2log(x)), bits(en2logReference(x)));
 }
 
+// Every exponent of the float format, both signs, subnormal and non-finite
+// values included, a few mantissas each.
+TEST(En2Log, BitExactToItsFormulaForEveryExponentAndSign) {
+    std::mt19937 rng(8);
+    for (uint32_t biased = 0; biased <= 255; ++biased)
+        for (uint32_t sign = 0; sign <= 1; ++sign)
+            for (int i = 0; i < 40; ++i) {
+                const uint32_t mant = i == 0 ? 0u : (i == 1 ? 0x7FFFFFu : (rng() & 0x7FFFFFu));
+                const uint32_t u = (sign << 31) | (biased << 23) | mant;
+                float x;
+                std::memcpy(&x, &u, 4);
+                const float got = aec_utl_en2log(x), want = en2logReference(x);
+                if (std::isnan(want)) {
+                    EXPECT_TRUE(std::isnan(got)) << std::hex << u;
+                } else {
+                    ASSERT_EQ(bits(got), bits(want)) << std::hex << u;
+                }
+            }
+}
+
 TEST(En2Log, ArrayFormConvertsInPlaceAndIgnoresNonPositiveCounts) {
     float a[5] = {0.0f, 1.0f, 2.0f, 0.5f, 7.0f};
     aec_utl_en2log_arr(a, 4);
@@ -103,6 +123,20 @@ TEST(Exp, NegativeWholeExponentGivesSameResultAsFractionZero) {
 TEST(Exp, BitExactToItsFormulaOverASweep) {
     for (float d = -200.0f; d <= 200.0f; d += 0.0137f)
         ASSERT_EQ(bits(aec_utl_exp(d)), bits(expReference(d))) << "d = " << d;
+}
+
+// The whole range where the result is neither zero nor infinite and beyond
+// (|y| up to 2048, k from -2048 to 2047).
+TEST(Exp, BitExactToItsFormulaOverTheWholeIntegerRange) {
+    for (float d = -12400.0f; d <= 12400.0f; d += 0.731f)
+        ASSERT_EQ(bits(aec_utl_exp(d)), bits(expReference(d))) << "d = " << d;
+    for (int k = -2050; k <= 2050; ++k) {
+        const float d = static_cast<float>(k) / 0.16611296f;
+        for (const float v : {std::nextafter(d, -1e9f), d, std::nextafter(d, 1e9f)}) {
+            if (!(v * 0.16611296f > -2048.0f && v * 0.16611296f < 2048.0f)) continue;
+            ASSERT_EQ(bits(aec_utl_exp(v)), bits(expReference(v))) << "d = " << v;
+        }
+    }
 }
 
 TEST(Exp, HugeAndNonFiniteArgumentsAreDefined) {

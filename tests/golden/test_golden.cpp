@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "closed_loop.h"
+#include "core/fpenv.h"
 #include "kvaec.h"
 #include "kvaec_records.h"
 
@@ -266,7 +267,24 @@ TEST(GoldenRun, HashIsTheSameOnEveryRun) {
     EXPECT_EQ(a.state, b.state);
 }
 
+// True when the library's floating-point mode takes effect here. valgrind
+// does not model flush-to-zero: there the control word reads back without
+// it and the arithmetic keeps subnormals, so the hash cannot match.
+bool libraryModeSticks() {
+#if defined(KVAEC_FPENV_MXCSR) || defined(KVAEC_FPENV_FPCR) || defined(KVAEC_FPENV_FPSCR)
+    const uint32_t caller = kvaec::fpenv::read();
+    const uint32_t mode = kvaec::fpenv::libraryMode(caller);
+    kvaec::fpenv::write(mode);
+    const bool kept = kvaec::fpenv::read() == mode;
+    kvaec::fpenv::write(caller);
+    return kept;
+#else
+    return true;
+#endif
+}
+
 TEST(GoldenRun, OutputsAndFinalStateMatchTheCheckedInHash) {
+    if (!libraryModeSticks()) GTEST_SKIP() << "the library's flush-to-zero mode does not take effect here (valgrind?)";
     const Result r = runScenario();
     std::printf("golden hash: %s (send %s, receive %s, state %s)\n", hex(r.all).c_str(), hex(r.send).c_str(),
                 hex(r.receive).c_str(), hex(r.state).c_str());
