@@ -33,7 +33,9 @@ public:
 // `latencyMs` (only engines that take a delay hint use it). Null if unknown.
 std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs);
 
-// Names makeEngine accepts, in report order.
+// Names of the report's engines, in report order. makeEngine also accepts
+// "kvaec_cfg:E,MAX,MIN,DTD" (libkvaec with those four configuration fields
+// replacing the defaults' fErlInitDb, fNlpAttMaxDb, fNlpAttMinDb, fDtdMarginDb).
 std::vector<std::string> engineNames();
 
 }  // namespace kvaec_eval

@@ -1,5 +1,6 @@
-// The engines of the comparison: libkvaec (default configuration and the
-// send-only loss mode), SpeexDSP's echo canceller with and without its
+// The engines of the comparison: libkvaec (default configuration, the
+// full-duplex configuration, the send-only loss mode, and any configuration
+// named in the engine id for sweeps), SpeexDSP's echo canceller with and without its
 // preprocessor, WebRTC audio processing's echo canceller with and without
 // noise suppression, and a pass-through reference that checks the metrics.
 #include <speex/speex_echo.h>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "engine.h"
 #include "kvaec.h"
@@ -20,8 +22,9 @@ namespace {
 // ---- libkvaec: one global instance, processes both paths in one call.
 class KvaecEngine : public Engine {
 public:
-    explicit KvaecEngine(unsigned mode) : mode_(mode) {
-        aecx_init(nullptr);
+    KvaecEngine(unsigned mode, const AEC_tCfg &cfg, std::string cfgName)
+        : mode_(mode), cfg_(cfg), cfgName_(std::move(cfgName)) {
+        aecx_init(&cfg_);
         if (mode_ != 0) aecx_control(mode_, nullptr, 0.0f);
     }
     void process(const float *far, float *played, const float *mic, float *send) override {
@@ -31,14 +34,41 @@ public:
     }
     int sendDelay() const override { return 120; }
     std::string describe() const override {
-        char b[160];
-        std::snprintf(b, sizeof b, "libkvaec %d.%d.%d, default configuration, mode word 0x%x",
-                      KVAEC_VERSION_MAJOR, KVAEC_VERSION_MINOR, KVAEC_VERSION_PATCH, mode_);
+        char b[320];
+        std::snprintf(b, sizeof b,
+                      "libkvaec %d.%d.%d, %s (fErlInitDb %g, fNlpAttMaxDb %g, fNlpAttMinDb %g, "
+                      "fDtdMarginDb %g), mode word 0x%x",
+                      KVAEC_VERSION_MAJOR, KVAEC_VERSION_MINOR, KVAEC_VERSION_PATCH, cfgName_.c_str(),
+                      static_cast<double>(cfg_.fErlInitDb), static_cast<double>(cfg_.fNlpAttMaxDb),
+                      static_cast<double>(cfg_.fNlpAttMinDb), static_cast<double>(cfg_.fDtdMarginDb),
+                      mode_);
         return b;
     }
 private:
     unsigned mode_;
+    AEC_tCfg cfg_;
+    std::string cfgName_;
 };
+
+// "kvaec_cfg:E,MAX,MIN,DTD": the defaults with fErlInitDb, fNlpAttMaxDb,
+// fNlpAttMinDb and fDtdMarginDb replaced (configuration sweeps). False when
+// the id is malformed or the library rejects the record.
+bool parseCfgId(const std::string &name, AEC_tCfg *cfg) {
+    const std::string pre = "kvaec_cfg:";
+    if (name.compare(0, pre.size(), pre) != 0) return false;
+    double v[4];
+    char tail;
+    if (std::sscanf(name.c_str() + pre.size(), "%lf,%lf,%lf,%lf%c", &v[0], &v[1], &v[2], &v[3], &tail) != 4)
+        return false;
+    *cfg = AEC_DefaultCfg;
+    cfg->fErlInitDb = static_cast<float>(v[0]);
+    cfg->fNlpAttMaxDb = static_cast<float>(v[1]);
+    cfg->fNlpAttMinDb = static_cast<float>(v[2]);
+    cfg->fDtdMarginDb = static_cast<float>(v[3]);
+    const char *why = kvaec_cfg_check(cfg);
+    if (why) std::fprintf(stderr, "%s: %s\n", name.c_str(), why);
+    return why == nullptr;
+}
 
 // ---- SpeexDSP: 16-bit samples; the canceller takes the played frame as its
 // reference and relies on its filter to span the latency.
@@ -148,12 +178,17 @@ public:
 }  // namespace
 
 std::vector<std::string> engineNames() {
-    return {"kvaec", "kvaec_sendonly", "speex", "speex_pp", "webrtc", "webrtc_ns", "passthrough"};
+    return {"kvaec", "kvaec_fd", "kvaec_sendonly", "speex", "speex_pp", "webrtc", "webrtc_ns", "passthrough"};
 }
 
 std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs) {
-    if (name == "kvaec") return std::make_unique<KvaecEngine>(0u);
-    if (name == "kvaec_sendonly") return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS);
+    if (name == "kvaec") return std::make_unique<KvaecEngine>(0u, AEC_DefaultCfg, "default configuration");
+    if (name == "kvaec_fd")
+        return std::make_unique<KvaecEngine>(0u, kvaec_full_duplex_cfg, "full-duplex configuration");
+    if (name == "kvaec_sendonly")
+        return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS, AEC_DefaultCfg, "default configuration");
+    AEC_tCfg cfg;
+    if (parseCfgId(name, &cfg)) return std::make_unique<KvaecEngine>(0u, cfg, "swept configuration");
     if (name == "speex") return std::make_unique<SpeexEngine>(false);
     if (name == "speex_pp") return std::make_unique<SpeexEngine>(true);
     if (name == "webrtc") return std::make_unique<WebrtcEngine>(false, latencyMs);

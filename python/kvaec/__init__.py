@@ -26,7 +26,7 @@ import os
 import numpy as np
 
 __all__ = [
-    "Config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
+    "Config", "PRESETS", "preset_config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
     "load_library", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
     "MODE_NO_NLP", "MODE_NO_NR", "MODE_NO_HIPASS", "MODE_LOOPBACK",
 ]
@@ -119,6 +119,11 @@ class Config:
         return "Config(" + ", ".join(f"{k}={v!r}" for k, v in self.as_dict().items()) + ")"
 
 
+PRESETS = ("default", "full-duplex")
+# Library record behind each preset name.
+_PRESET_SYMBOL = {"default": "AEC_DefaultCfg", "full-duplex": "kvaec_full_duplex_cfg"}
+
+
 _lib = None
 
 
@@ -169,24 +174,46 @@ def _default_cfg():
     return _Cfg.in_dll(load_library(), "AEC_DefaultCfg")
 
 
+def preset_config(name):
+    """The configuration of a preset: "default" (``AEC_DefaultCfg``) or
+    "full-duplex" (``kvaec_full_duplex_cfg``: keeps the near-end talker in
+    double talk; see docs/tuning.md)."""
+    if name not in _PRESET_SYMBOL:
+        raise ValueError(f"unknown preset {name!r}; presets: {', '.join(PRESETS)}")
+    return Config._from_c(_Cfg.in_dll(load_library(), _PRESET_SYMBOL[name]))
+
+
+def _config_of(config, preset):
+    """The record a host call loads: `config` if given, else the preset's
+    (None: the default preset)."""
+    if config is not None and preset is not None:
+        raise ValueError("give either config or preset, not both "
+                         "(start from kvaec.preset_config(name) to change fields of a preset)")
+    if config is not None:
+        return config
+    return preset_config(preset if preset is not None else "default")
+
+
 _live = None  # the live Canceller, if any
 
 
 class Canceller:
     """The library's one canceller instance, frame by frame.
 
-    ``mode`` is the mode word (``MODE_*`` bits). Use as a context manager or
-    call :meth:`close`; only one Canceller may be live at a time.
+    ``mode`` is the mode word (``MODE_*`` bits). ``config`` is a
+    :class:`Config`, or ``preset`` names one ("default" or "full-duplex";
+    neither given: "default"). Use as a context manager or call
+    :meth:`close`; only one Canceller may be live at a time.
     """
 
-    def __init__(self, config=None, mode=0, nlp_param=None, equalizers=True):
+    def __init__(self, config=None, mode=0, nlp_param=None, equalizers=True, preset=None):
         global _live
         if _live is not None:
             raise CancellerBusyError(
                 "libkvaec holds a single global canceller and one is already live "
                 f"({_live!r}); close it (or leave its 'with' block) before creating another")
         self._lib = load_library()
-        self.config = config if config is not None else Config()
+        self.config = _config_of(config, preset)
         self.equalizers = equalizers
         self._mode = int(mode) & ~0xF
         cfg = self.config._to_c()
@@ -330,13 +357,15 @@ def estimate_delay(far, mic, max_delay_ms=500.0, seconds=5.0):
 
 
 def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nlp_param=None,
-            equalizers=True):
+            equalizers=True, preset=None):
     """Offline echo cancellation of a microphone recording made while ``far``
     played, both 1-D arrays at 16 kHz. Works like ``kvaec process``: all loss
     on the send path (``MODE_SEND_ONLY_LOSS`` always set), the far end or the
     microphone delayed so that the echo lands ``delay_margin_ms`` behind the
     library's reference, outputs realigned.
 
+    ``preset``: "default" or "full-duplex" instead of ``config`` (neither
+    given: "default").
     ``delay``: "auto" (estimated) or milliseconds. Returns a dict with
     ``out`` (send signal aligned with ``mic``), ``played`` (receive output
     aligned with ``far``), ``delay`` (bulk delay in samples) and ``resets``.
@@ -360,7 +389,7 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     min_[mic_shift: mic_shift + len(mic)] = mic[: frames * FRAME - mic_shift]
     send = np.zeros_like(fin)
     played = np.zeros_like(fin)
-    with Canceller(config, mode | MODE_SEND_ONLY_LOSS, nlp_param, equalizers) as c:
+    with Canceller(config, mode | MODE_SEND_ONLY_LOSS, nlp_param, equalizers, preset) as c:
         for k in range(frames):
             sl = slice(k * FRAME, (k + 1) * FRAME)
             send[sl], played[sl] = c.process_frame(fin[sl], min_[sl])
@@ -375,12 +404,13 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
 
 
 def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode=0,
-             nonlinear=0.0, equalizers=True):
+             nonlinear=0.0, equalizers=True, preset=None):
     """Closed loop: ``far`` goes through the canceller to the loudspeaker; the
     echo is ``echo_path`` (FIR, default a 0.5 tap 2 ms late) applied to what
     the library played, ``latency_frames`` whole frames later (at least one),
     optionally through a soft-clipping loudspeaker tanh(d x)/d; the microphone
-    takes echo plus ``near``.
+    takes echo plus ``near``. ``preset``: "default" or "full-duplex" instead
+    of ``config`` (neither given: "default").
 
     Returns a dict of arrays: ``mic``, ``send``, ``played``, ``echo`` and a
     per-frame ``double_talk`` flag, plus ``resets``.
@@ -398,7 +428,7 @@ def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode
     hist = np.zeros(lat + len(h) + n, np.float64)  # played (through the loudspeaker), with lead-in
     out = {k: np.zeros(n, np.float32) for k in ("mic", "send", "played", "echo")}
     dt = np.zeros(n // FRAME, np.int32)
-    with Canceller(config, mode, None, equalizers) as c:
+    with Canceller(config, mode, None, equalizers, preset) as c:
         off = lat + len(h)  # hist index of played sample 0
         for k in range(n // FRAME):
             sl = slice(k * FRAME, (k + 1) * FRAME)

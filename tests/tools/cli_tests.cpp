@@ -15,6 +15,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "kvaec.h"
+
 namespace {
 
 struct ToolRun {
@@ -413,4 +415,33 @@ TEST_F(Tool, SimulateResetsOnNonFiniteFarEndAndGoesOn) {
     EXPECT_TRUE(has(r, "canceller reset (mode kept)")) << r.out;
     for (const char *w : {"sim/send.wav", "sim/played.wav", "sim/echo.wav"})
         for (float v : readWav(p(w)).x) ASSERT_TRUE(std::isfinite(v)) << w;
+}
+
+// Every field of a configuration record as options of the tool.
+std::string spelled(const AEC_tCfg &c) {
+    return " --erl-init-db " + std::to_string(c.fErlInitDb) + " --nlp-att-max-db " + std::to_string(c.fNlpAttMaxDb) +
+           " --nlp-att-min-db " + std::to_string(c.fNlpAttMinDb) + " --dtd-margin-db " +
+           std::to_string(c.fDtdMarginDb) + " --level-floor-db " + std::to_string(c.fLevelFloorDb) +
+           " --nr-level " + std::to_string(c.fNrLevelDb) + " --rin-level-ref-db " +
+           std::to_string(c.fRinLevelRefDb) + " --profile " + std::to_string(c.iProfile) + " ";
+}
+
+TEST_F(Tool, PresetLoadsTheFullDuplexRecordAndGivenFieldsOverrideIt) {
+    // The preset equals the library's record spelled out field by field and
+    // differs from the defaults; fields given beside a preset win over it.
+    const std::string common = "simulate -q --no-plot --no-espeak --duration 6 ";
+    ASSERT_EQ(kvaec(common + "--preset full-duplex -o " + p("fd")).code, 0);
+    ASSERT_EQ(kvaec(common + "--preset default" + spelled(kvaec_full_duplex_cfg) + "-o " + p("spelled")).code, 0);
+    ASSERT_EQ(kvaec(common + "--preset default -o " + p("def")).code, 0);
+    ASSERT_EQ(kvaec(common + "--preset full-duplex" + spelled(AEC_DefaultCfg) + "-o " + p("fd_def")).code, 0);
+    const auto fd = readWav(p("fd/send.wav")).x, sp = readWav(p("spelled/send.wav")).x,
+               def = readWav(p("def/send.wav")).x, fdDef = readWav(p("fd_def/send.wav")).x;
+    ASSERT_EQ(fd.size(), 96000u);
+    EXPECT_EQ(fd, sp);
+    EXPECT_NE(fd, def);
+    EXPECT_EQ(fdDef, def);
+    const ToolRun bad = kvaec(common + "--preset loud -o " + p("bad"));
+    EXPECT_EQ(bad.code, 2);
+    EXPECT_TRUE(has(bad, "--preset")) << bad.out;
+    EXPECT_TRUE(has(kvaec("process --help"), "full-duplex"));
 }

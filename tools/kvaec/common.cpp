@@ -3,11 +3,18 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 #include "kvaec_records.h"
 
 namespace kvaec::tool {
+
+const char *presetName(const AEC_tCfg &cfg) {
+    if (std::memcmp(&cfg, &AEC_DefaultCfg, sizeof cfg) == 0) return "default";
+    if (std::memcmp(&cfg, &kvaec_full_duplex_cfg, sizeof cfg) == 0) return "full-duplex";
+    return "custom";
+}
 
 void startCanceller(const Settings &s) {
     aecx_init(&s.cfg);

@@ -26,6 +26,10 @@ struct Settings {
     bool applyEq = true;  // run the profile equalizers around the canceller
 };
 
+// Name of the preset a configuration record equals ("default",
+// "full-duplex"), or "custom".
+const char *presetName(const AEC_tCfg &cfg);
+
 // Brings the library to the settings: aecx_init with the configuration,
 // then the mode word (and the NLP value when given).
 void startCanceller(const Settings &s);

@@ -18,6 +18,17 @@ namespace {
 void addCanceller(CLI::App *c, Settings &s, bool process) {
     const AEC_tCfg &d = AEC_DefaultCfg;
     auto num = [](double v) { return fmt("%g", v); };
+    // Defined before the field options: CLI11 applies options in the order
+    // they are defined, so a field given on the command line overrides the
+    // preset's value.
+    c->add_option_function<std::string>(
+         "--preset",
+         [&s](const std::string &p) { s.cfg = p == "full-duplex" ? kvaec_full_duplex_cfg : AEC_DefaultCfg; },
+         "configuration the field options start from: 'default' (AEC_DefaultCfg) or 'full-duplex' "
+         "(kvaec_full_duplex_cfg: keeps the near-end talker in double talk; see docs/tuning.md). "
+         "Default: " + std::string(presetName(s.cfg)))
+        ->check(CLI::IsMember({"default", "full-duplex"}))
+        ->group("Configuration (AEC_tCfg)");
     c->add_option("--erl-init-db,--fErlInitDb", s.cfg.fErlInitDb,
                   "fErlInitDb, dB: initial per-strip echo-path gain, also the ERL floor (default " + num(d.fErlInitDb) + ")")
         ->group("Configuration (AEC_tCfg)");
