@@ -268,21 +268,23 @@ def rate_run(sc, run, meta, nominal_send_delay=0):
 def rooms(short):
     """Three rooms: short, medium and long reverberation. The echo path keeps
     `keep_ms` of the room response after the latency (the canceller spans
-    about 90-120 ms)."""
+    about 90-120 ms). The echo at the microphone is as loud as the near-end
+    talker or louder (echo return loss 4, 2 and 0 dB for a far end 6 dB
+    above the near end), as in a hands-free terminal."""
     full = [
         dict(name="cat_short", title="Short reverberation", rt60=0.2, room=(3.5, 3.0, 2.4),
              spk=(1.2, 1.0, 0.8), mic=(1.5, 1.1, 0.8), near_pos=(2.4, 2.1, 1.2), latency_ms=10,
-             keep_ms=80, erl_db=8, noise="pink", noise_db=-72, seed=7101,
+             keep_ms=80, erl_db=4, noise="pink", noise_db=-72, seed=7101,
              far_voices=[("en-us+m3", 160, 45), ("en-gb+f2", 165, 55)],
              near_voices=[("en-us+f3", 170, 55), ("en-gb+m3", 155, 40)]),
         dict(name="cat_medium", title="Medium reverberation", rt60=0.45, room=(5.0, 4.0, 2.7),
              spk=(2.0, 1.5, 1.0), mic=(2.25, 1.6, 1.0), near_pos=(3.2, 2.4, 1.3), latency_ms=20,
-             keep_ms=100, erl_db=6, noise="pink", noise_db=-72, seed=7202,
+             keep_ms=100, erl_db=2, noise="pink", noise_db=-72, seed=7202,
              far_voices=[("en-gb+f4", 170, 60), ("en-us+m1", 150, 40)],
              near_voices=[("en+m2", 155, 40), ("en-us+f4", 175, 60)]),
         dict(name="cat_long", title="Long reverberation", rt60=0.8, room=(7.0, 5.5, 3.0),
              spk=(3.0, 2.5, 1.1), mic=(3.3, 2.6, 1.1), near_pos=(4.4, 3.6, 1.3), latency_ms=30,
-             keep_ms=110, erl_db=6, noise="pink", noise_db=-72, seed=7303,
+             keep_ms=110, erl_db=0, noise="pink", noise_db=-72, seed=7303,
              far_voices=[("en-us+m4", 145, 35), ("en-gb+f3", 165, 50)],
              near_voices=[("en-gb+f2", 170, 55), ("en-us+m3", 160, 45)]),
     ]
@@ -408,7 +410,8 @@ LABEL = {
 def label(e):
     if e.startswith("kvaec_cfg:"):
         v = e.split(":", 1)[1].split(",")
-        return "libkvaec E %s / max %s / min %s / DTD %s" % tuple(v)
+        out = "libkvaec E %s / max %s / min %s / DTD %s" % tuple(v[:4])
+        return out + (" / mode %s" % v[4] if len(v) > 4 else "")
     return LABEL.get(e, e)
 
 
@@ -492,7 +495,7 @@ def section(res, metas, scen, engines, command, short):
                          "%s / %s / %s / %s" % (f1(3 - r["as_p95"]), f1(3 - r["ar_p95"]), f1(r["el_worst"] - 27),
                                                 f1(r["el_worst"] - 37))])
         L.append(table(["engine", "A_S,dt median", "A_S,dt p95", "A_R,dt median", "A_R,dt p95",
-                        "echo loss in DT, worst band (dB)", "echo loss far single talk before, worst band",
+                        "echo loss in DT, worst band (dB)", "echo loss far single talk before DT (from the start, convergence included), worst band",
                         "after DT, worst band", "types A_S/A_R/echo loss", "category hands-free",
                         "category TELR", "margins A_S / A_R / loss-27 / loss-37 (dB)"], rows))
     return "\n".join(L)
@@ -529,6 +532,10 @@ def sweep_configs():
             out.append((d[0], d[1], v, base))
         for v in (-15.0, -6.0):
             out.append((v, d[1], d[2], base))
+    # Combinations near the chosen record.
+    out += [(d[0], 50.0, d[2], 3.0), (d[0], 50.0, d[2], 2.5), (d[0], 50.0, d[2], 2.0), (d[0], 50.0, 25.0, 3.0),
+            (d[0], 55.0, d[2], 2.5), (d[0], 55.0, 25.0, 3.0), (d[0], 60.0, d[2], 3.0), (d[0], 60.0, 25.0, 3.0),
+            (d[0], 60.0, 25.0, 2.5), (d[0], 60.0, 20.0, 3.0)]
     seen, uniq = set(), []
     for c in out:
         if c not in seen:
@@ -630,7 +637,7 @@ def main():
     ap.add_argument("--driver", required=True)
     ap.add_argument("--work", required=True)
     ap.add_argument("--short", action="store_true")
-    ap.add_argument("--engines", help="comma-separated engine ids (default: every engine of the driver)")
+    ap.add_argument("--engines", help="engine ids separated by spaces (default: every engine of the driver)")
     ap.add_argument("--section", help="write the Markdown section here (default WORK/category.md)")
     ap.add_argument("--sweep", action="store_true", help="also run the configuration sweep")
     ap.add_argument("--splice", help="also put the section between its markers in this Markdown file")
@@ -644,7 +651,7 @@ def main():
     for rm in rooms(args.short):
         if not os.path.exists(os.path.join(sdir, rm["name"], "meta.txt")):
             make_room(sdir, rm, args.short)
-    engines = args.engines.split(",") if args.engines else subprocess.run(
+    engines = args.engines.split() if args.engines else subprocess.run(
         [args.driver, "--list"], capture_output=True, text=True, check=True).stdout.split()
     run_all(args.driver, sdir, rdir, scen, engines, args.jobs)
     res, metas = rate_all(sdir, rdir, scen, engines)

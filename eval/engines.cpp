@@ -50,16 +50,20 @@ private:
     std::string cfgName_;
 };
 
-// "kvaec_cfg:E,MAX,MIN,DTD": the defaults with fErlInitDb, fNlpAttMaxDb,
-// fNlpAttMinDb and fDtdMarginDb replaced (configuration sweeps). False when
-// the id is malformed or the library rejects the record.
-bool parseCfgId(const std::string &name, AEC_tCfg *cfg) {
+// "kvaec_cfg:E,MAX,MIN,DTD[,MODE]": the defaults with fErlInitDb,
+// fNlpAttMaxDb, fNlpAttMinDb and fDtdMarginDb replaced (configuration
+// sweeps), optionally with a mode word (hexadecimal, e.g. 0x100 for no
+// residual suppression). False when the id is malformed or the library
+// rejects the record.
+bool parseCfgId(const std::string &name, AEC_tCfg *cfg, unsigned *mode) {
     const std::string pre = "kvaec_cfg:";
     if (name.compare(0, pre.size(), pre) != 0) return false;
     double v[4];
     char tail;
-    if (std::sscanf(name.c_str() + pre.size(), "%lf,%lf,%lf,%lf%c", &v[0], &v[1], &v[2], &v[3], &tail) != 4)
-        return false;
+    *mode = 0;
+    const int got = std::sscanf(name.c_str() + pre.size(), "%lf,%lf,%lf,%lf,%x%c", &v[0], &v[1], &v[2], &v[3],
+                                mode, &tail);
+    if (got != 4 && got != 5) return false;
     *cfg = AEC_DefaultCfg;
     cfg->fErlInitDb = static_cast<float>(v[0]);
     cfg->fNlpAttMaxDb = static_cast<float>(v[1]);
@@ -188,7 +192,8 @@ std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs) {
     if (name == "kvaec_sendonly")
         return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS, AEC_DefaultCfg, "default configuration");
     AEC_tCfg cfg;
-    if (parseCfgId(name, &cfg)) return std::make_unique<KvaecEngine>(0u, cfg, "swept configuration");
+    unsigned mode = 0;
+    if (parseCfgId(name, &cfg, &mode)) return std::make_unique<KvaecEngine>(mode, cfg, "swept configuration");
     if (name == "speex") return std::make_unique<SpeexEngine>(false);
     if (name == "speex_pp") return std::make_unique<SpeexEngine>(true);
     if (name == "webrtc") return std::make_unique<WebrtcEngine>(false, latencyMs);

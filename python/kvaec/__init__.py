@@ -26,7 +26,7 @@ import os
 import numpy as np
 
 __all__ = [
-    "Config", "PRESETS", "preset_config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
+    "Config", "PRESETS", "DEFAULT_PRESET", "preset_config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
     "load_library", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
     "MODE_NO_NLP", "MODE_NO_NR", "MODE_NO_HIPASS", "MODE_LOOPBACK",
 ]
@@ -183,15 +183,21 @@ def preset_config(name):
     return Config._from_c(_Cfg.in_dll(load_library(), _PRESET_SYMBOL[name]))
 
 
+# Preset used when neither config nor preset is given: "full-duplex" for
+# live and offline use alike (measured: double-talk category type 1 where
+# the defaults reach 2a, more single-talk echo loss; see docs/tuning.md).
+DEFAULT_PRESET = "full-duplex"
+
+
 def _config_of(config, preset):
     """The record a host call loads: `config` if given, else the preset's
-    (None: the default preset)."""
+    (None: DEFAULT_PRESET)."""
     if config is not None and preset is not None:
         raise ValueError("give either config or preset, not both "
                          "(start from kvaec.preset_config(name) to change fields of a preset)")
     if config is not None:
         return config
-    return preset_config(preset if preset is not None else "default")
+    return preset_config(preset if preset is not None else DEFAULT_PRESET)
 
 
 _live = None  # the live Canceller, if any
@@ -202,7 +208,7 @@ class Canceller:
 
     ``mode`` is the mode word (``MODE_*`` bits). ``config`` is a
     :class:`Config`, or ``preset`` names one ("default" or "full-duplex";
-    neither given: "default"). Use as a context manager or call
+    neither given: "full-duplex"). Use as a context manager or call
     :meth:`close`; only one Canceller may be live at a time.
     """
 
@@ -365,7 +371,7 @@ def process(far, mic, config=None, mode=0, delay="auto", delay_margin_ms=2.0, nl
     library's reference, outputs realigned.
 
     ``preset``: "default" or "full-duplex" instead of ``config`` (neither
-    given: "default").
+    given: "full-duplex").
     ``delay``: "auto" (estimated) or milliseconds. Returns a dict with
     ``out`` (send signal aligned with ``mic``), ``played`` (receive output
     aligned with ``far``), ``delay`` (bulk delay in samples) and ``resets``.
@@ -410,7 +416,7 @@ def simulate(far, near=None, echo_path=None, latency_frames=1, config=None, mode
     the library played, ``latency_frames`` whole frames later (at least one),
     optionally through a soft-clipping loudspeaker tanh(d x)/d; the microphone
     takes echo plus ``near``. ``preset``: "default" or "full-duplex" instead
-    of ``config`` (neither given: "default").
+    of ``config`` (neither given: "full-duplex").
 
     Returns a dict of arrays: ``mic``, ``send``, ``played``, ``echo`` and a
     per-frame ``double_talk`` flag, plus ``resets``.

@@ -108,7 +108,9 @@ def test_preset_selects_the_library_record_everywhere():
     assert kvaec.preset_config("default") == kvaec.Config()
     with kvaec.Canceller(preset="full-duplex") as c:
         assert c.active_config() == fd
-    with kvaec.Canceller() as c:
+    with kvaec.Canceller() as c:  # nothing said: the full-duplex preset
+        assert c.active_config() == fd
+    with kvaec.Canceller(preset="default") as c:
         assert c.active_config() == kvaec.Config()
     with pytest.raises(ValueError, match="unknown preset"):
         kvaec.Canceller(preset="loud")
@@ -123,5 +125,7 @@ def test_preset_selects_the_library_record_everywhere():
     assert np.array_equal(a, kvaec.simulate(far, near, config=fd)["send"])
     assert not np.array_equal(a, kvaec.simulate(far, near, preset="default")["send"])
     mic = np.concatenate([np.zeros(800, np.float32), 0.5 * far[:-800]]) + near
+    assert np.array_equal(a, kvaec.simulate(far, near)["send"])
     b = kvaec.process(far, mic, preset="full-duplex", delay=50)["out"]
     assert np.array_equal(b, kvaec.process(far, mic, config=fd, delay=50)["out"])
+    assert np.array_equal(b, kvaec.process(far, mic, delay=50)["out"])
