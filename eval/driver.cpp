@@ -164,6 +164,7 @@ int main(int argc, char **argv) {
     std::fprintf(f, "cpu_us_median=%.3f\n", sorted[frames / 2] / 1e3);
     std::fprintf(f, "cpu_us_p99=%.3f\n", sorted[std::min(frames - 1, frames * 99 / 100)] / 1e3);
     std::fprintf(f, "cpu_us_max=%.3f\n", mx / 1e3);
+    std::fputs(eng->extraStats().c_str(), f);
     std::fclose(f);
     return 0;
 }

@@ -27,10 +27,16 @@ public:
     virtual int sendDelay() const = 0;
     // One line describing the configuration used.
     virtual std::string describe() const = 0;
+    // Extra "key=value" lines for stats.txt after the run (may be empty).
+    virtual std::string extraStats() const { return ""; }
 };
 
 // Creates the engine `name` for a loop whose playback-to-microphone latency is
 // `latencyMs` (only engines that take a delay hint use it). Null if unknown.
+// Besides the names of engineNames(), "kvaec:att=A,dtd=D,mode=M" is libkvaec
+// with fNlpAttMaxDb = A, fDtdMarginDb = D and the mode word M (any of them
+// may be left out), the rest of the configuration at its defaults (the
+// tuning sweep uses these).
 std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs);
 
 // Names of the report's engines, in report order. makeEngine also accepts

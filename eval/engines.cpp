@@ -14,12 +14,15 @@
 
 #include "engine.h"
 #include "kvaec.h"
+#include "kvaec_records.h"
 #include "webrtc/modules/audio_processing/include/audio_processing.h"
 
 namespace kvaec_eval {
 namespace {
 
 // ---- libkvaec: one global instance, processes both paths in one call.
+// Counts the frames in which the tone alarm stands at or above 20 dB (the
+// level at which it stops adaptation) and the double-talk frames.
 class KvaecEngine : public Engine {
 public:
     KvaecEngine(unsigned mode, const AEC_tCfg &cfg, std::string cfgName)
@@ -31,6 +34,9 @@ public:
         std::memcpy(played, far, sizeof(float) * kFrame);
         std::memcpy(send, mic, sizeof(float) * kFrame);
         aecx_process(played, send);
+        alarmFrames_ += AEC_Db.fTdAlarmDb >= 20.0f;
+        if (AEC_Db.fTdAlarmDb > alarmMax_) alarmMax_ = AEC_Db.fTdAlarmDb;
+        dtFrames_ += AEC_Db.iDoubleTalk != 0;
     }
     int sendDelay() const override { return 120; }
     std::string describe() const override {
@@ -44,10 +50,18 @@ public:
                       mode_);
         return b;
     }
+    std::string extraStats() const override {
+        char b[160];
+        std::snprintf(b, sizeof b, "tone_alarm_frames=%ld\ntone_alarm_max=%.2f\ndouble_talk_frames=%ld\n",
+                      alarmFrames_, static_cast<double>(alarmMax_), dtFrames_);
+        return b;
+    }
 private:
     unsigned mode_;
     AEC_tCfg cfg_;
     std::string cfgName_;
+    long alarmFrames_ = 0, dtFrames_ = 0;
+    float alarmMax_ = -1e9f;
 };
 
 // "kvaec_cfg:E,MAX,MIN,DTD[,MODE]": the defaults with fErlInitDb,
@@ -72,6 +86,40 @@ bool parseCfgId(const std::string &name, AEC_tCfg *cfg, unsigned *mode) {
     const char *why = kvaec_cfg_check(cfg);
     if (why) std::fprintf(stderr, "%s: %s\n", name.c_str(), why);
     return why == nullptr;
+}
+
+// "att=50,dtd=3,mode=0x400" -> configuration and mode word; false on a
+// malformed or invalid setting.
+bool parseKvaecCfg(const std::string &settings, AEC_tCfg *cfg, unsigned *mode) {
+    *cfg = AEC_DefaultCfg;
+    *mode = 0u;
+    size_t pos = 0;
+    while (pos < settings.size()) {
+        size_t end = settings.find(',', pos);
+        if (end == std::string::npos) end = settings.size();
+        const std::string item = settings.substr(pos, end - pos);
+        const size_t eq = item.find('=');
+        if (eq == std::string::npos) return false;
+        const std::string key = item.substr(0, eq), val = item.substr(eq + 1);
+        char *rest = nullptr;
+        if (key == "mode") {
+            const unsigned long m = std::strtoul(val.c_str(), &rest, 0);
+            if (val.empty() || *rest != '\0' || m > 0xFFFFFFFFul || (m & KVAEC_CMD_MASK) != 0) return false;
+            *mode = static_cast<unsigned>(m);
+            pos = end + 1;
+            continue;
+        }
+        const float v = std::strtof(val.c_str(), &rest);
+        if (val.empty() || *rest != '\0') return false;
+        if (key == "att")
+            cfg->fNlpAttMaxDb = v;
+        else if (key == "dtd")
+            cfg->fDtdMarginDb = v;
+        else
+            return false;
+        pos = end + 1;
+    }
+    return kvaec_cfg_check(cfg) == nullptr;
 }
 
 // ---- SpeexDSP: 16-bit samples; the canceller takes the played frame as its
@@ -191,9 +239,17 @@ std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs) {
         return std::make_unique<KvaecEngine>(0u, kvaec_full_duplex_cfg, "full-duplex configuration");
     if (name == "kvaec_sendonly")
         return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS, AEC_DefaultCfg, "default configuration");
-    AEC_tCfg cfg;
-    unsigned mode = 0;
-    if (parseCfgId(name, &cfg, &mode)) return std::make_unique<KvaecEngine>(mode, cfg, "swept configuration");
+    if (name.rfind("kvaec:", 0) == 0) {
+        AEC_tCfg cfg;
+        unsigned mode = 0u;
+        if (!parseKvaecCfg(name.substr(6), &cfg, &mode)) return nullptr;
+        return std::make_unique<KvaecEngine>(mode, cfg, "configuration given in the id");
+    }
+    {
+        AEC_tCfg cfg;
+        unsigned mode = 0;
+        if (parseCfgId(name, &cfg, &mode)) return std::make_unique<KvaecEngine>(mode, cfg, "swept configuration");
+    }
     if (name == "speex") return std::make_unique<SpeexEngine>(false);
     if (name == "speex_pp") return std::make_unique<SpeexEngine>(true);
     if (name == "webrtc") return std::make_unique<WebrtcEngine>(false, latencyMs);

@@ -4,6 +4,11 @@ report (Markdown with PNG plots).
 
 Usage: evaluate.py --driver PATH --work DIR [--short] [--report FILE --img DIR]
                    [--jobs N]
+       evaluate.py --driver PATH --work DIR --sweep FILE [--jobs N]
+
+--sweep runs libkvaec alone over a grid of fNlpAttMaxDb x fDtdMarginDb on the
+scenarios that show echo loss, double talk and an echo-path change, and
+writes the table between the sweep markers of FILE (docs/tuning.md).
 
 Without --report the report goes to WORK/evaluation.md and its plots to
 WORK/img. The short run (--short) also checks that the metric code still
@@ -29,6 +34,7 @@ ROOT = os.path.dirname(HERE)
 
 ENGINE_LABEL = {
     "kvaec": "libkvaec",
+    "kvaec_fd": "libkvaec full-duplex preset",
     "kvaec_sendonly": "libkvaec send-only loss",
     "speex": "SpeexDSP AEC",
     "speex_pp": "SpeexDSP AEC + preprocess",
@@ -36,7 +42,7 @@ ENGINE_LABEL = {
     "webrtc_ns": "WebRTC AEC + NS",
     "passthrough": "no processing",
 }
-COLORS = {"kvaec": "C3", "kvaec_sendonly": "C1", "speex": "C0", "speex_pp": "C9",
+COLORS = {"kvaec": "C3", "kvaec_fd": "C4", "kvaec_sendonly": "C1", "speex": "C0", "speex_pp": "C9",
           "webrtc": "C2", "webrtc_ns": "C8", "passthrough": "0.6"}
 
 
@@ -113,6 +119,8 @@ def main():
     ap.add_argument("--img")
     ap.add_argument("--jobs", type=int, default=2)
     ap.add_argument("--command", default="scripts/evaluate")
+    ap.add_argument("--sweep", metavar="FILE",
+                    help="run the fNlpAttMaxDb x fDtdMarginDb sweep and write its table into FILE")
     ap.add_argument("--reuse", action="store_true",
                     help="keep the scenarios and runs already in the work directory (report only)")
     args = ap.parse_args()
@@ -123,6 +131,9 @@ def main():
     report = args.report or os.path.join(work, "evaluation.md")
     img = args.img or os.path.join(work, "img")
     os.makedirs(img, exist_ok=True)
+
+    if args.sweep:
+        return run_sweep(args, work, sdir)
 
     t_start = datetime.datetime.now(datetime.timezone.utc)
     gen = [sys.executable, os.path.join(HERE, "make_scenarios.py"), sdir] + (["--short"] if args.short else [])
@@ -188,9 +199,18 @@ def main():
     return 0
 
 
+# Scenarios without tones: libkvaec's tone alarm must never reach 20 dB in them.
+SPEECH_ONLY = ("far_single", "double_talk", "path_change", "near_only", "silence")
+
+
 def check_short(scen, engines, res, stats):
     """Sanity of the measurement chain on the short run."""
     bad = []
+    for sc in scen:
+        st = stats.get((sc, "kvaec"), {})
+        if sc in SPEECH_ONLY and int(st.get("tone_alarm_frames", "0")) != 0:
+            bad.append("%s/kvaec: tone alarm at or above 20 dB in %s frames of speech"
+                       % (sc, st["tone_alarm_frames"]))
     s = "far_single"
     if "passthrough" in engines and s in scen:
         v = res[(s, "passthrough")]["erle_steady"]
@@ -210,6 +230,126 @@ def check_short(scen, engines, res, stats):
     for b in bad:
         print("CHECK FAILED:", b, file=sys.stderr)
     return 1 if bad else 0
+
+
+# ---------------------------------------------------------------- tuning sweep
+
+SWEEP_ATT = (45.0, 50.0, 55.0)
+SWEEP_DTD = (3.0, 4.5, 6.0)
+# Beyond the grid: higher aims, to find where single talk reaches 46 dB.
+SWEEP_EXTRA = ((60.0, 4.5), (60.0, 6.0), (65.0, 4.5), (65.0, 6.0))
+SWEEP_SCEN = ("far_single", "far_quiet", "double_talk", "path_change", "near_only")
+# The quiet variant of far-end single talk: the same signals and room with the
+# microphone noise 20 dB lower (pink, -90 dBFS), so that the send output's
+# residual echo, not the noise, sets the total echo loss (an echo-loss
+# requirement is measured in quiet conditions).
+QUIET_NOISE_DB = -20.0
+SWEEP_BEGIN = "<!-- sweep table: written by scripts/evaluate --sweep -->"
+SWEEP_END = "<!-- end of sweep table -->"
+
+
+def sweep_engine(att, dtd):
+    return "kvaec:att=%g,dtd=%g" % (att, dtd)
+
+
+def make_quiet(sdir, qdir):
+    """far_quiet: far_single with its noise lowered by QUIET_NOISE_DB."""
+    src, dst = os.path.join(sdir, "far_single"), os.path.join(qdir, "far_quiet")
+    os.makedirs(dst, exist_ok=True)
+    for f in os.listdir(src):
+        x = open(os.path.join(src, f), "rb").read()
+        if f == "noise.f32":
+            x = (np.frombuffer(x, dtype=np.float32) * np.float32(10 ** (QUIET_NOISE_DB / 20))).tobytes()
+        elif f == "meta.txt":
+            m = read_kv(os.path.join(src, f))
+            m["name"] = "far_quiet"
+            m["title"] = m["title"] + ", quiet"
+            m["noise_db"] = "%g" % (float(m["noise_db"]) + QUIET_NOISE_DB)
+            x = "".join("%s=%s\n" % kv for kv in m.items()).encode()
+        with open(os.path.join(dst, f), "wb") as g:
+            g.write(x)
+
+
+def run_sweep(args, work, sdir):
+    """libkvaec over fNlpAttMaxDb x fDtdMarginDb; writes a Markdown table
+    between SWEEP_BEGIN and SWEEP_END of args.sweep."""
+    t_start = datetime.datetime.now(datetime.timezone.utc)
+    if not os.path.isdir(sdir):
+        subprocess.run([sys.executable, os.path.join(HERE, "make_scenarios.py"), sdir], check=True)
+    make_quiet(sdir, os.path.join(work, "sweep_scenarios"))
+    dirs = {s: os.path.join(sdir, s) for s in SWEEP_SCEN}
+    dirs["far_quiet"] = os.path.join(work, "sweep_scenarios", "far_quiet")
+    scen = [s for s in SWEEP_SCEN if os.path.isdir(dirs[s])]
+    if len(scen) != len(SWEEP_SCEN):
+        print("sweep: scenarios missing in %s" % sdir, file=sys.stderr)
+        return 1
+    rdir = os.path.join(work, "sweep")
+    grid = [(a, d) for a in SWEEP_ATT for d in SWEEP_DTD] + list(SWEEP_EXTRA)
+    jobs = []
+    for a, d in grid:
+        e = sweep_engine(a, d)
+        for s in scen:
+            jobs.append((s, e, os.path.join(rdir, s, "att%g_dtd%g" % (a, d))))
+    with cf.ThreadPoolExecutor(max_workers=args.jobs) as ex:
+        futs = [ex.submit(run_driver, args.driver, dirs[s], e, o) for s, e, o in jobs]
+        for f in cf.as_completed(futs):
+            f.result()
+    metas = {s: read_kv(os.path.join(dirs[s], "meta.txt")) for s in scen}
+    sigs = {s: {k: load_f32(os.path.join(dirs[s], k + ".f32")) for k in ("far", "nearmic", "noise")}
+            for s in scen}
+    rows = []
+    for a, d in grid:
+        r = {}
+        # Send delay measured on the near-end-only run as in the main report
+        # (nominal delay when the correlation is weak).
+        o = os.path.join(rdir, "near_only", "att%g_dtd%g" % (a, d))
+        lag, peak = metrics.measure_delay(sigs["near_only"]["nearmic"], load_f32(os.path.join(o, "send.f32")))
+        for s in scen:
+            o = os.path.join(rdir, s, "att%g_dtd%g" % (a, d))
+            st = read_kv(os.path.join(o, "stats.txt"))
+            if peak >= 0.5:
+                st["measured_delay"] = lag
+            sig = {k: load_f32(os.path.join(o, k + ".f32")) for k in ("played", "echo", "mic", "send")}
+            r[s] = metrics.scenario_metrics(s, metas[s], metrics.Run(sigs[s], sig, st))
+        default = (a == 45.0 and d == 4.5)
+        rows.append(["%g" % a, "%g" % d + (" (defaults)" if default else ""),
+                     fmt(r["far_quiet"]["echo_loss"], 1, " dB"),
+                     fmt(r["far_single"]["echo_loss"], 1, " dB"),
+                     fmt(r["double_talk"]["echo_loss"], 1, " dB"),
+                     fmt(r["double_talk"]["dt_near_att"], 1, " dB"),
+                     fmt(r["double_talk"]["dt_sdr"], 1, " dB"),
+                     fmt(r["path_change"]["epc_min_erle"], 1, " dB"),
+                     fmt(r["path_change"]["epc_loss_2s"], 1, " dB"),
+                     fmt_t(r["path_change"]["epc_recovery"]),
+                     fmt(r["path_change"]["erle_after"], 1, " dB"),
+                     fmt(r["near_only"]["no_near_att"], 1, " dB")])
+    elapsed = (datetime.datetime.now(datetime.timezone.utc) - t_start).total_seconds()
+    L = [SWEEP_BEGIN, "",
+         "Measured by `scripts/evaluate --sweep` on %s UTC (commit %s; %.0f s): libkvaec alone, default "
+         "configuration except the two fields, on the evaluation's scenarios (see "
+         "[evaluation.md](evaluation.md) for the scenarios and the metrics)." %
+         (t_start.strftime("%Y-%m-%d %H:%M"), commit(), elapsed), "",
+         table(["fNlpAttMaxDb", "fDtdMarginDb", "total echo loss, far-end single talk, quiet (noise -90 dBFS)",
+                "total echo loss, far-end single talk (noise -70 dBFS)",
+                "total echo loss, single talk before the double talk (babble -60 dBFS)",
+                "double talk: near-end attenuation", "double talk: SDR",
+                "path change: lowest ERLE within 2 s", "path change: total echo loss within 2 s",
+                "path change: recovery", "ERLE 10-18 s after the change",
+                "near-end only: attenuation"], rows).rstrip("\n"),
+         "", SWEEP_END]
+    block = "\n".join(L)
+    text = open(args.sweep).read() if os.path.exists(args.sweep) else ""
+    if SWEEP_BEGIN in text and SWEEP_END in text:
+        i = text.index(SWEEP_BEGIN)
+        j = text.index(SWEEP_END) + len(SWEEP_END)
+        text = text[:i] + block + text[j:]
+    else:
+        text = text + ("\n" if text else "") + block + "\n"
+    with open(args.sweep, "w") as f:
+        f.write(text)
+    print(block)
+    print("sweep table written to %s (%.0f s)" % (args.sweep, elapsed))
+    return 0
 
 
 # ---------------------------------------------------------------- plots
@@ -327,7 +467,9 @@ def write_report(args, scen, engines, metas, res, stats, runs, delay_note, plots
                              "evaluation, not a result)" if args.short else "full"))
     L.append("Reproduce: `scripts/evaluate` (installs the Debian packages, builds into `build-evaluate/`, "
              "runs everything and rewrites this file and `docs/img/eval_*.png`); `scripts/evaluate --short` "
-             "is the smoke run CTest uses. To look inside libkvaec on a scenario: "
+             "is the smoke run CTest uses; `scripts/evaluate --sweep` runs libkvaec alone over "
+             "`fNlpAttMaxDb` x `fDtdMarginDb` and writes its table into `docs/tuning.md`. "
+             "To look inside libkvaec on a scenario: "
              "`build-evaluate/kvaec_eval_probe build-evaluate/full/scenarios/S/far.f32 "
              "build-evaluate/full/runs/S/passthrough/mic.f32 [MODE [STRIP]]` prints levels, double-talk frames "
              "and, for one strip, the suppression gains and the library's own level estimates per 2 s.\n")
@@ -504,6 +646,21 @@ def write_report(args, scen, engines, metas, res, stats, runs, delay_note, plots
                  fmt(get("silence", e, "sil_out"), 1, " dBFS")] for e in engines]
         L.append(table(["engine", "near-end attenuation", "SDR", "noise in (pauses)", "noise out (pauses)",
                         "silence: microphone", "silence: send output"], rows))
+
+    alarm_rows = []
+    for s in scen:
+        st = stats.get((s, "kvaec"), {})
+        if "tone_alarm_frames" in st:
+            alarm_rows.append([metas[s]["title"], "`%s`" % s, "yes" if s in SPEECH_ONLY else "no",
+                               st["tone_alarm_frames"], st["tone_alarm_max"], st.get("double_talk_frames", "-")])
+    if alarm_rows:
+        L.append("## libkvaec tone alarm and double-talk flag\n")
+        L.append("Frames (of 10 ms) in which libkvaec's tone alarm `fTdAlarmDb` stands at or above 20 dB "
+                 "(where it stops adaptation), its highest value, and the frames flagged as double talk, "
+                 "default configuration. Speech never raises the alarm: a speech-only scenario with an "
+                 "alarm frame fails the short run.\n")
+        L.append(table(["scenario", "id", "speech only", "alarm frames >= 20 dB", "alarm max (dB)",
+                        "double-talk frames"], alarm_rows))
 
     L.append("## CPU time\n")
     rows = [[ENGINE_LABEL.get(e, e), "%.1f" % cpu[e][0], "%.1f" % cpu[e][1],

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Relative levels are never taken below this.
+// Predicted levels are never taken below this (dB).
 constexpr float kRelFloorDb = -120.0f;
 // Steps below this count as zero.
 constexpr float kMuMin = 0.003f;

@@ -40,18 +40,18 @@ struct Prediction {
     float tail;
 };
 
-// Independent statement of the predictions of one strip for profile m.
+// Independent statement of the predictions of one strip for profile m: the
+// tapered reference energy over the filter span (and with the older energy for
+// the tail), as an absolute level, less the strip's total echo loss.
 Prediction predict(const std::vector<float> &h, int G, float erleAvg, float erl, int m) {
-    float e = 0.0f, et = 0.0f, w = 1.0f;
+    float et = 0.0f, w = 1.0f;
     for (int g = 0; g < G; ++g) {
-        e += h[g];
         et += w * h[g];
         w *= 0.85f;
     }
-    const float a = aec_utl_en2log(e);
     const float b = aec_utl_en2log(et);
     Prediction p;
-    p.echo = fmaxRef(b - a, -120.0f) - (erleAvg + erl);
+    p.echo = fmaxRef(b, -120.0f) - (erleAvg + erl);
     float t;
     if (m == 6)
         t = et + 4.0f * h[G];
@@ -59,7 +59,7 @@ Prediction predict(const std::vector<float> &h, int G, float erleAvg, float erl,
         t = 10.0f * (et + 8.0f * h[G]);
     else
         t = et + h[G];
-    p.tail = fmaxRef(aec_utl_en2log(t) - a, -120.0f) - (erleAvg + erl);
+    p.tail = fmaxRef(aec_utl_en2log(t), -120.0f) - (erleAvg + erl);
     return p;
 }
 
@@ -74,7 +74,7 @@ std::vector<float> fillHist(float *h, int G, float scale) {
     return v;
 }
 
-TEST_F(StepSizeControl, ExpUpdatePredictionsMatchTaperedEnergyRatioLessTotalLoss) {
+TEST_F(StepSizeControl, ExpUpdatePredictionsAreTaperedSpanEnergyLessTotalLoss) {
     std::vector<std::vector<float>> before(AEC_NSTRIPS);
     for (int s = 0; s < AEC_NSTRIPS; ++s) {
         const int G = AEC_aiAdfSzStrip[s] / 4;
@@ -95,10 +95,54 @@ TEST_F(StepSizeControl, ExpUpdatePredictionsMatchTaperedEnergyRatioLessTotalLoss
     EXPECT_EQ(sc->atStripSc[AEC_FULLBAND].fExpTailDb, 0.0f);
 }
 
-TEST_F(StepSizeControl, ExpUpdateFlatHistoryGivesKnownTaperRatio) {
-    // Twelve equal frames in the span: ratio = (1 - 0.85^12) / (0.15 * 12).
-    // On the coarse dB scale the value is checked against the exact ratio
-    // within the scale's own error (offset varies by at most 0.26 dB).
+// Hand-computed levels on the library's dB scale: en2log(x) = 3.01 e - 2.88
+// + 6.02 m with x + 1e-12 = m 2^e, 0.5 <= m < 1. Checked within 1e-4 dB
+// (single-precision rounding of these few operations is below 1e-5 dB).
+constexpr float kEn2logSilence = -116.9605f;  // 1e-12 = 0.549756 * 2^-39
+constexpr float kEn2logOne = 3.14f;           // 1 = 0.5 * 2^1
+constexpr float kTol = 1e-4f;
+
+TEST_F(StepSizeControl, ExpUpdateSilentHistoryPredictsTheLevelOfSilenceLessTheLoss) {
+    // All energies zero: the prediction is the level of no signal at all,
+    // not 0 dB (which would ask for the full loss with no echo present).
+    db->atStrip[4].fErleAvgDb = 12.0f;
+    db->atStrip[4].fErlDb = 6.0f;
+    aec_exp_update(db, sc);
+    EXPECT_NEAR(sc->atStripSc[4].fExpEchoDb, kEn2logSilence - 18.0f, kTol);
+    EXPECT_NEAR(sc->atStripSc[4].fExpTailDb, kEn2logSilence - 18.0f, kTol);
+    EXPECT_EQ(sc->atStripSc[4].fExpEchoDb, aec_utl_en2log(0.0f) - 18.0f);
+    EXPECT_EQ(sc->atStripSc[4].fExpTailDb, sc->atStripSc[4].fExpEchoDb);
+}
+
+TEST_F(StepSizeControl, ExpUpdateSingleFrameOfEnergyIsTaperedByItsAge) {
+    // Strip 0: one frame of energy 1.0 as the newest entry.
+    hist(0)[0] = 1.0f;
+    db->atStrip[0].fErleAvgDb = 5.0f;
+    db->atStrip[0].fErlDb = -10.0f;  // loss -5 dB
+    // Strip 2: the same frame two frames old, tapered by 0.85^2 = 0.7225:
+    // 0.7225 = 0.7225 * 2^0 -> -2.88 + 6.02 * 0.7225 = 1.46945 dB.
+    hist(2)[2] = 1.0f;
+    db->atStrip[2].fErleAvgDb = 20.0f;
+    db->atStrip[2].fErlDb = 0.0f;
+    aec_exp_update(db, sc);
+    EXPECT_NEAR(sc->atStripSc[0].fExpEchoDb, kEn2logOne + 5.0f, kTol);
+    EXPECT_NEAR(sc->atStripSc[0].fExpTailDb, kEn2logOne + 5.0f, kTol);
+    EXPECT_NEAR(sc->atStripSc[2].fExpEchoDb, 1.46945f - 20.0f, kTol);
+    EXPECT_NEAR(sc->atStripSc[2].fExpTailDb, 1.46945f - 20.0f, kTol);
+    // A louder frame gives a higher prediction, dB for dB: 4.0 = 0.5 * 2^3.
+    SetUp();
+    hist(0)[0] = 4.0f;
+    db->atStrip[0].fErleAvgDb = 5.0f;
+    db->atStrip[0].fErlDb = -10.0f;
+    aec_exp_update(db, sc);
+    EXPECT_NEAR(sc->atStripSc[0].fExpEchoDb, 9.16f + 5.0f, kTol);
+}
+
+TEST_F(StepSizeControl, ExpUpdateFlatHistoryGivesTheTaperedSumLevel) {
+    // Twelve equal frames of energy 1 in the span: the tapered sum is
+    // (1 - 0.85^12) / 0.15. The library's dB scale is 10 log10(x) plus an
+    // offset between 2.88 and 3.14 dB (with x = m 2^e, the offset is
+    // 6.02 m - 2.88 - 10 log10(m), 0.5 <= m < 1): checked as 3.01 +- 0.14.
     const int G = 12;
     float *h = hist(0);
     for (int g = 0; g <= G; ++g) h[g] = 1.0f;
@@ -106,8 +150,8 @@ TEST_F(StepSizeControl, ExpUpdateFlatHistoryGivesKnownTaperRatio) {
     db->atStrip[0].fErleAvgDb = 0.0f;
     db->atStrip[0].fErlDb = 0.0f;
     aec_exp_update(db, sc);
-    const double ratio = (1.0 - std::pow(0.85, 12)) / (0.15 * 12.0);
-    EXPECT_NEAR(sc->atStripSc[0].fExpEchoDb, 10.0 * std::log10(ratio), 0.27);
+    const double sum = (1.0 - std::pow(0.85, 12)) / 0.15;
+    EXPECT_NEAR(sc->atStripSc[0].fExpEchoDb, 10.0 * std::log10(sum) + 3.01, 0.14);
     // No older energy: the tail equals the echo prediction.
     EXPECT_EQ(sc->atStripSc[0].fExpTailDb, sc->atStripSc[0].fExpEchoDb);
 }
@@ -143,13 +187,41 @@ TEST_F(StepSizeControl, ExpUpdateProfileFiveScalesTailAndAgesWithPointEightFive)
         et += w * v[static_cast<size_t>(g)];
         w *= 0.85f;
     }
-    float e = 0.0f;
-    for (int g = 0; g < G; ++g) e += v[static_cast<size_t>(g)];
-    const float tail = aec_utl_en2log(10.0f * (et + 8.0f * 0.5f)) - aec_utl_en2log(e) - (4.0f + -7.0f);
+    const float tail = aec_utl_en2log(10.0f * (et + 8.0f * 0.5f)) - (4.0f + -7.0f);
     EXPECT_EQ(sc->atStripSc[3].fExpTailDb, tail);
     EXPECT_EQ(hist(3)[G], v[G - 1] + 0.85f * 0.5f);
     // The echo prediction itself does not depend on the profile.
     EXPECT_EQ(sc->atStripSc[3].fExpEchoDb, predict(v, G, 4.0f, -7.0f, 0).echo);
+}
+
+TEST_F(StepSizeControl, ExpUpdateProfileFiveHandComputedOnSilentSpan) {
+    // Nothing inside the span, older energy 0.5: tail from 10 * (0 + 8 * 0.5)
+    // = 40 = 0.625 * 2^6 -> 3.01 * 6 - 2.88 + 6.02 * 0.625 = 18.9425 dB;
+    // the echo prediction is the level of silence.
+    db->tCfg.iProfile = 5;
+    const int G = AEC_aiAdfSzStrip[6] / 4;
+    hist(6)[G] = 0.5f;
+    db->atStrip[6].fErleAvgDb = 10.0f;
+    db->atStrip[6].fErlDb = 2.0f;
+    aec_exp_update(db, sc);
+    EXPECT_NEAR(sc->atStripSc[6].fExpTailDb, 18.9425f - 12.0f, kTol);
+    EXPECT_NEAR(sc->atStripSc[6].fExpEchoDb, kEn2logSilence - 12.0f, kTol);
+    EXPECT_EQ(hist(6)[G], 0.85f * 0.5f);
+}
+
+TEST_F(StepSizeControl, ExpUpdateProfileSixHandComputedOnSingleFrame) {
+    // Newest frame 1.0, older energy 0.25: tail from 1 + 4 * 0.25 = 2
+    // = 0.5 * 2^2 -> 6.02 - 2.88 + 3.01 = 6.15 dB; echo from 1.0 -> 3.14 dB.
+    db->tCfg.iProfile = 6;
+    const int G = AEC_aiAdfSzStrip[20] / 4;
+    hist(20)[0] = 1.0f;
+    hist(20)[G] = 0.25f;
+    db->atStrip[20].fErleAvgDb = 30.0f;
+    db->atStrip[20].fErlDb = -4.0f;
+    aec_exp_update(db, sc);
+    EXPECT_NEAR(sc->atStripSc[20].fExpTailDb, 6.15f - 26.0f, kTol);
+    EXPECT_NEAR(sc->atStripSc[20].fExpEchoDb, kEn2logOne - 26.0f, kTol);
+    EXPECT_EQ(hist(20)[G], (G > 1 ? 0.0f : 1.0f) + 0.85f * 0.25f);
 }
 
 TEST_F(StepSizeControl, ExpUpdateProfileSixWeightsOlderEnergyByFour) {

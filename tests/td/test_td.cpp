@@ -200,23 +200,43 @@ TEST(ToneAlarm, TwoStrongTonesRaiseTheAlarmByTheContrastOverTwentyFive) {
     }
 }
 
+// Samples are at full scale 1.0: a full-scale tone peaks near -3 dB in this
+// spectrum. Below a strongest peak of -35.3 dB (55 dB on a 16-bit sample
+// scale) the contrast counts half.
 TEST(ToneAlarm, WeakSpectrumCountsHalfTheContrast) {
+    const float threshold = -35.3f;
+    const float below = std::nextafter(threshold, -1000.0f);
+    const float above = std::nextafter(threshold, 1000.0f);
+    struct Case {
+        float p1;
+        bool half;
+    };
+    for (const Case k : {Case{below, true}, Case{-36.0f, true}, Case{threshold, false}, Case{above, false},
+                         Case{-20.0f, false}}) {
+        aecx_init(nullptr);
+        AEC_Db.fTdAlarmDb = -5.0f;
+        fill_spectrum(-90.0f);
+        spectrum()[30] = k.p1;    // strongest peak (taken with bin 31)
+        spectrum()[12] = -60.0f;  // second peak (taken with bin 13)
+        aec_td_test(&AEC_Db, &AEC_Sc);
+        // Third peak: -90 dB at bin 0.
+        const float c = k.half ? (k.p1 - -90.0f) * 0.5f : k.p1 - -90.0f;
+        float want = -5.0f - 25.0f + c;
+        if (want > 30.0f) want = 30.0f;
+        EXPECT_EQ(AEC_Db.fTdAlarmDb, want) << "p1 " << k.p1;
+    }
+    // Just below the threshold the alarm falls, at and just above it rises.
     aecx_init(nullptr);
-    AEC_Db.fTdAlarmDb = 10.0f;
-    fill_spectrum(4.0f);
-    spectrum()[30] = 54.5f;  // strongest peak below 55 dB
-    spectrum()[12] = 9.0f;   // third strongest after the two searches
-    const float f3 = aec_td_test(&AEC_Db, &AEC_Sc);
-    (void)f3;
-    // Searches: 54.5 at 30 (with 31), then 9 at 12 (with 13), then 4 at 0.
-    const float c = (54.5f - 4.0f) * 0.5f;
-    EXPECT_EQ(AEC_Db.fTdAlarmDb, 10.0f - 25.0f + c);
-    // A peak of exactly 55 dB counts the contrast in full.
-    AEC_Db.fTdAlarmDb = -5.0f;
-    fill_spectrum(4.0f);
-    spectrum()[30] = 55.0f;
+    AEC_Db.fTdAlarmDb = 0.0f;
+    fill_spectrum(-90.0f);
+    spectrum()[30] = below;
     aec_td_test(&AEC_Db, &AEC_Sc);
-    EXPECT_EQ(AEC_Db.fTdAlarmDb, -5.0f - 25.0f + (55.0f - 4.0f));
+    EXPECT_LT(AEC_Db.fTdAlarmDb, 3.0f);
+    AEC_Db.fTdAlarmDb = 0.0f;
+    fill_spectrum(-90.0f);
+    spectrum()[30] = above;
+    aec_td_test(&AEC_Db, &AEC_Sc);
+    EXPECT_GT(AEC_Db.fTdAlarmDb, 29.0f);
 }
 
 TEST(ToneAlarm, IsLimitedToMinusSixAndThirty) {
