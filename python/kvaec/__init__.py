@@ -16,6 +16,8 @@ Example::
 
     import numpy as np, kvaec
     out = kvaec.process(far, mic)              # offline, arrays in, array out
+    out = kvaec.process(far, mic, preset="default")   # AEC_DefaultCfg instead of
+                                               # the full-duplex preset
     with kvaec.Canceller(kvaec.Config(fNrLevelDb=0.5)) as c:
         send, played = c.process_frame(rin_frame, sin_frame)
 """
