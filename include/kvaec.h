@@ -101,10 +101,11 @@ KVAEC_API extern const AEC_tCfg AEC_DefaultCfg;
  * talkers, echo as loud as the near end or louder): type 1 in all three rooms,
  * where the defaults reach type 2a in one (near-end send attenuation in double
  * talk 0.7-1.1 dB at the 95th percentile against 1.2-1.9 dB; echo loss in
- * double talk 27.4-35.9 dB against 26.8-36.3 dB); in single talk 3.8 dB more ERLE and echo loss than the
- * defaults, the same near-end attenuation with the far end silent (1.2 dB) and
- * the same recovery after an echo-path change, 0.7 dB less ERLE at its lowest
- * just after the change.
+ * double talk 27.4-35.9 dB against 26.8-36.3 dB). In single talk: 3.8 dB
+ * more ERLE and echo loss than the defaults, the same near-end attenuation
+ * with the far end silent (1.2 dB) and the same recovery after an echo-path
+ * change, 0.7 dB less ERLE at its lowest just after the change. The tool and
+ * the Python package use it when no preset is named (docs/tuning.md).
  */
 KVAEC_API extern const AEC_tCfg kvaec_full_duplex_cfg;
 
