@@ -39,7 +39,10 @@ public:
 // tuning sweep uses these).
 std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs);
 
-// Names makeEngine accepts, in report order.
+// Names of the report's engines, in report order. makeEngine also accepts
+// "kvaec_cfg:E,MAX,MIN,DTD[,MODE]" (libkvaec with those four configuration
+// fields replacing the defaults' fErlInitDb, fNlpAttMaxDb, fNlpAttMinDb,
+// fDtdMarginDb, and optionally a mode word in hexadecimal).
 std::vector<std::string> engineNames();
 
 }  // namespace kvaec_eval

@@ -1,5 +1,6 @@
-// The engines of the comparison: libkvaec (default configuration and the
-// send-only loss mode), SpeexDSP's echo canceller with and without its
+// The engines of the comparison: libkvaec (default configuration, the
+// full-duplex configuration, the send-only loss mode, and any configuration
+// named in the engine id for sweeps), SpeexDSP's echo canceller with and without its
 // preprocessor, WebRTC audio processing's echo canceller with and without
 // noise suppression, and a pass-through reference that checks the metrics.
 #include <speex/speex_echo.h>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "engine.h"
 #include "kvaec.h"
@@ -23,7 +25,8 @@ namespace {
 // level at which it stops adaptation) and the double-talk frames.
 class KvaecEngine : public Engine {
 public:
-    KvaecEngine(unsigned mode, const AEC_tCfg &cfg, bool isDefault) : mode_(mode), cfg_(cfg), default_(isDefault) {
+    KvaecEngine(unsigned mode, const AEC_tCfg &cfg, std::string cfgName)
+        : mode_(mode), cfg_(cfg), cfgName_(std::move(cfgName)) {
         aecx_init(&cfg_);
         if (mode_ != 0) aecx_control(mode_, nullptr, 0.0f);
     }
@@ -37,16 +40,14 @@ public:
     }
     int sendDelay() const override { return 120; }
     std::string describe() const override {
-        char b[200];
-        if (default_)
-            std::snprintf(b, sizeof b, "libkvaec %d.%d.%d, default configuration, mode word 0x%x",
-                          KVAEC_VERSION_MAJOR, KVAEC_VERSION_MINOR, KVAEC_VERSION_PATCH, mode_);
-        else
-            std::snprintf(b, sizeof b,
-                          "libkvaec %d.%d.%d, default configuration but fNlpAttMaxDb %g, fDtdMarginDb %g, "
-                          "mode word 0x%x",
-                          KVAEC_VERSION_MAJOR, KVAEC_VERSION_MINOR, KVAEC_VERSION_PATCH,
-                          static_cast<double>(cfg_.fNlpAttMaxDb), static_cast<double>(cfg_.fDtdMarginDb), mode_);
+        char b[320];
+        std::snprintf(b, sizeof b,
+                      "libkvaec %d.%d.%d, %s (fErlInitDb %g, fNlpAttMaxDb %g, fNlpAttMinDb %g, "
+                      "fDtdMarginDb %g), mode word 0x%x",
+                      KVAEC_VERSION_MAJOR, KVAEC_VERSION_MINOR, KVAEC_VERSION_PATCH, cfgName_.c_str(),
+                      static_cast<double>(cfg_.fErlInitDb), static_cast<double>(cfg_.fNlpAttMaxDb),
+                      static_cast<double>(cfg_.fNlpAttMinDb), static_cast<double>(cfg_.fDtdMarginDb),
+                      mode_);
         return b;
     }
     std::string extraStats() const override {
@@ -58,10 +59,34 @@ public:
 private:
     unsigned mode_;
     AEC_tCfg cfg_;
-    bool default_;
+    std::string cfgName_;
     long alarmFrames_ = 0, dtFrames_ = 0;
     float alarmMax_ = -1e9f;
 };
+
+// "kvaec_cfg:E,MAX,MIN,DTD[,MODE]": the defaults with fErlInitDb,
+// fNlpAttMaxDb, fNlpAttMinDb and fDtdMarginDb replaced (configuration
+// sweeps), optionally with a mode word (hexadecimal, e.g. 0x100 for no
+// residual suppression). False when the id is malformed or the library
+// rejects the record.
+bool parseCfgId(const std::string &name, AEC_tCfg *cfg, unsigned *mode) {
+    const std::string pre = "kvaec_cfg:";
+    if (name.compare(0, pre.size(), pre) != 0) return false;
+    double v[4];
+    char tail;
+    *mode = 0;
+    const int got = std::sscanf(name.c_str() + pre.size(), "%lf,%lf,%lf,%lf,%x%c", &v[0], &v[1], &v[2], &v[3],
+                                mode, &tail);
+    if (got != 4 && got != 5) return false;
+    *cfg = AEC_DefaultCfg;
+    cfg->fErlInitDb = static_cast<float>(v[0]);
+    cfg->fNlpAttMaxDb = static_cast<float>(v[1]);
+    cfg->fNlpAttMinDb = static_cast<float>(v[2]);
+    cfg->fDtdMarginDb = static_cast<float>(v[3]);
+    const char *why = kvaec_cfg_check(cfg);
+    if (why) std::fprintf(stderr, "%s: %s\n", name.c_str(), why);
+    return why == nullptr;
+}
 
 // "att=50,dtd=3,mode=0x400" -> configuration and mode word; false on a
 // malformed or invalid setting.
@@ -205,18 +230,25 @@ public:
 }  // namespace
 
 std::vector<std::string> engineNames() {
-    return {"kvaec", "kvaec_sendonly", "speex", "speex_pp", "webrtc", "webrtc_ns", "passthrough"};
+    return {"kvaec", "kvaec_fd", "kvaec_sendonly", "speex", "speex_pp", "webrtc", "webrtc_ns", "passthrough"};
 }
 
 std::unique_ptr<Engine> makeEngine(const std::string &name, int latencyMs) {
-    if (name == "kvaec") return std::make_unique<KvaecEngine>(0u, AEC_DefaultCfg, true);
+    if (name == "kvaec") return std::make_unique<KvaecEngine>(0u, AEC_DefaultCfg, "default configuration");
+    if (name == "kvaec_fd")
+        return std::make_unique<KvaecEngine>(0u, kvaec_full_duplex_cfg, "full-duplex configuration");
     if (name == "kvaec_sendonly")
-        return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS, AEC_DefaultCfg, true);
+        return std::make_unique<KvaecEngine>(KVAEC_MODE_SEND_ONLY_LOSS, AEC_DefaultCfg, "default configuration");
     if (name.rfind("kvaec:", 0) == 0) {
         AEC_tCfg cfg;
         unsigned mode = 0u;
         if (!parseKvaecCfg(name.substr(6), &cfg, &mode)) return nullptr;
-        return std::make_unique<KvaecEngine>(mode, cfg, false);
+        return std::make_unique<KvaecEngine>(mode, cfg, "configuration given in the id");
+    }
+    {
+        AEC_tCfg cfg;
+        unsigned mode = 0;
+        if (parseCfgId(name, &cfg, &mode)) return std::make_unique<KvaecEngine>(mode, cfg, "swept configuration");
     }
     if (name == "speex") return std::make_unique<SpeexEngine>(false);
     if (name == "speex_pp") return std::make_unique<SpeexEngine>(true);

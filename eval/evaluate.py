@@ -34,6 +34,7 @@ ROOT = os.path.dirname(HERE)
 
 ENGINE_LABEL = {
     "kvaec": "libkvaec",
+    "kvaec_fd": "libkvaec full-duplex preset",
     "kvaec_sendonly": "libkvaec send-only loss",
     "speex": "SpeexDSP AEC",
     "speex_pp": "SpeexDSP AEC + preprocess",
@@ -41,7 +42,7 @@ ENGINE_LABEL = {
     "webrtc_ns": "WebRTC AEC + NS",
     "passthrough": "no processing",
 }
-COLORS = {"kvaec": "C3", "kvaec_sendonly": "C1", "speex": "C0", "speex_pp": "C9",
+COLORS = {"kvaec": "C3", "kvaec_fd": "C4", "kvaec_sendonly": "C1", "speex": "C0", "speex_pp": "C9",
           "webrtc": "C2", "webrtc_ns": "C8", "passthrough": "0.6"}
 
 

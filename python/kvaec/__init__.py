@@ -37,6 +37,8 @@ Example::
 
     import numpy as np, kvaec
     out = kvaec.process(far, mic)              # offline, arrays in, array out
+    out = kvaec.process(far, mic, preset="default")   # AEC_DefaultCfg instead of
+                                               # the full-duplex preset
     with kvaec.Canceller(kvaec.Config(fNrLevelDb=0.5)) as c:
         send, played = c.process_frame(rin_frame, sin_frame)
 """
@@ -56,8 +58,8 @@ import numpy as np
 from ._version import __version__
 
 __all__ = [
-    "Config", "Canceller", "CancellerBusyError", "process", "simulate", "estimate_delay",
-    "align_shift", "echo_min_delay",
+    "Config", "PRESETS", "DEFAULT_PRESET", "preset_config", "Canceller", "CancellerBusyError", "process",
+    "simulate", "estimate_delay", "align_shift", "echo_min_delay",
     "load_library", "library_path", "load_host_library", "__version__", "FRAME", "RATE", "MODE_BYPASS", "MODE_FREEZE", "MODE_SEND_ONLY_LOSS",
     "MODE_NO_NLP", "MODE_NO_NR", "MODE_NO_HIPASS", "MODE_LOOPBACK",
 ]
@@ -178,6 +180,11 @@ class Config:
 
     def __repr__(self):
         return "Config(" + ", ".join(f"{k}={v!r}" for k, v in self.as_dict().items()) + ")"
+
+
+PRESETS = ("default", "full-duplex")
+# Library record behind each preset name.
+_PRESET_SYMBOL = {"default": "AEC_DefaultCfg", "full-duplex": "kvaec_full_duplex_cfg"}
 
 
 _lib = None
@@ -315,6 +322,32 @@ def _default_cfg():
     return _Cfg.in_dll(load_library(), "AEC_DefaultCfg")
 
 
+def preset_config(name):
+    """The configuration of a preset: "default" (``AEC_DefaultCfg``) or
+    "full-duplex" (``kvaec_full_duplex_cfg``: keeps the near-end talker in
+    double talk; see docs/tuning.md)."""
+    if name not in _PRESET_SYMBOL:
+        raise ValueError(f"unknown preset {name!r}; presets: {', '.join(PRESETS)}")
+    return Config._from_c(_Cfg.in_dll(load_library(), _PRESET_SYMBOL[name]))
+
+
+# Preset used when neither config nor preset is given: "full-duplex" for
+# live and offline use alike (measured: double-talk category type 1 where
+# the defaults reach 2a, more single-talk echo loss; see docs/tuning.md).
+DEFAULT_PRESET = "full-duplex"
+
+
+def _config_of(config, preset):
+    """The record a host call loads: `config` if given, else the preset's
+    (None: DEFAULT_PRESET)."""
+    if config is not None and preset is not None:
+        raise ValueError("give either config or preset, not both "
+                         "(start from kvaec.preset_config(name) to change fields of a preset)")
+    if config is not None:
+        return config
+    return preset_config(preset if preset is not None else DEFAULT_PRESET)
+
+
 _live = None  # the live Canceller, if any
 # Held by every call into the library's one instance, and while a Canceller
 # is created or closed: creation is atomic and calls are serialised.
@@ -351,17 +384,19 @@ def _check_config(config):
 class Canceller:
     """The library's one canceller instance, frame by frame.
 
-    ``mode`` is the mode word (``MODE_*`` bits). Use as a context manager or
-    call :meth:`close`; only one Canceller may be live at a time.
+    ``mode`` is the mode word (``MODE_*`` bits). ``config`` is a
+    :class:`Config`, or ``preset`` names one ("default" or "full-duplex";
+    neither given: "full-duplex"). Use as a context manager or call
+    :meth:`close`; only one Canceller may be live at a time.
     """
 
     def __init__(self, config: Optional["Config"] = None, mode: int = 0, nlp_param: Optional[float] = None,
-                 equalizers: bool = True) -> None:
+                 equalizers: bool = True, preset: Optional[str] = None) -> None:
         global _live
         self._closed = True  # until this one is the live canceller
         self._lib = load_library()
         # Arguments are checked before anything touches the instance.
-        config = _check_config(config)
+        config = _check_config(_config_of(config, preset))
         self._mode = _check_mode(mode)
         self._nlp_param = _check_nlp_param(nlp_param)
         if not isinstance(equalizers, bool):
@@ -614,7 +649,7 @@ def echo_min_delay() -> int:
 
 def process(far: ArrayLike, mic: ArrayLike, config: Optional["Config"] = None, mode: int = 0,
             delay: Union[str, float] = "auto", delay_margin_ms: float = 2.0, nlp_param: Optional[float] = None,
-            equalizers: bool = True) -> Dict[str, object]:
+            equalizers: bool = True, preset: Optional[str] = None) -> Dict[str, object]:
     """Offline echo cancellation of a microphone recording made while ``far``
     played, both 1-D arrays at 16 kHz. Works like ``kvaec process``: all loss
     on the send path (``MODE_SEND_ONLY_LOSS`` always set); the microphone (or
@@ -624,7 +659,8 @@ def process(far: ArrayLike, mic: ArrayLike, config: Optional["Config"] = None, m
     realigned.
 
     ``far``, ``mic``: 1-D signals at 16 kHz, float, full scale 1.0.
-    ``config``: :class:`Config` (None: the library defaults). ``mode``: mode
+    ``config``: :class:`Config`, or ``preset``: "default" or "full-duplex"
+    (neither given: :data:`DEFAULT_PRESET`). ``mode``: mode
     word (``MODE_*`` bits). ``delay``: "auto" (estimated by
     :func:`estimate_delay`) or the bulk delay of the echo behind the far end
     in milliseconds. ``delay_margin_ms``: ms beyond the least echo delay.
@@ -640,7 +676,7 @@ def process(far: ArrayLike, mic: ArrayLike, config: Optional["Config"] = None, m
     far = _as_signal(far, "far")
     mic = _as_signal(mic, "mic")
     # Every argument is checked before anything is processed.
-    config = _check_config(config)
+    config = _check_config(_config_of(config, preset))
     mode = _check_mode(mode)
     nlp_param = _check_nlp_param(nlp_param)
     delay_margin_ms = _check_number(delay_margin_ms, "delay_margin_ms", 0.0, 50.0, " (ms)")
@@ -687,12 +723,14 @@ def process(far: ArrayLike, mic: ArrayLike, config: Optional["Config"] = None, m
 
 def simulate(far: ArrayLike, near: Optional[ArrayLike] = None, echo_path: Optional[ArrayLike] = None,
              latency_frames: int = 2, config: Optional["Config"] = None, mode: int = 0,
-             nonlinear: float = 0.0, equalizers: bool = True) -> Dict[str, object]:
+             nonlinear: float = 0.0, equalizers: bool = True,
+             preset: Optional[str] = None) -> Dict[str, object]:
     """Closed loop: ``far`` goes through the canceller to the loudspeaker; the
     echo is ``echo_path`` (FIR, default a 0.5 tap 2 ms late) applied to what
     the library played, ``latency_frames`` whole frames later (at least one),
     optionally through a soft-clipping loudspeaker tanh(d x)/d; the microphone
-    takes echo plus ``near``.
+    takes echo plus ``near``. ``preset``: "default" or "full-duplex" instead
+    of ``config`` (neither given: "full-duplex").
 
     The echo's first arrival (first tap within 20 dB of the largest) should
     come at least :func:`echo_min_delay` samples after the receive output:
@@ -704,7 +742,7 @@ def simulate(far: ArrayLike, near: Optional[ArrayLike] = None, echo_path: Option
     per-frame ``double_talk`` flag, plus ``resets``.
     """
     far = _usable(_as_signal(far, "far"), "far", True)
-    config = _check_config(config)
+    config = _check_config(_config_of(config, preset))
     mode = _check_mode(mode)
     nonlinear = _check_number(nonlinear, "nonlinear", 0.0, 100.0)
     if isinstance(latency_frames, bool) or not isinstance(latency_frames, numbers.Integral) or latency_frames < 1:

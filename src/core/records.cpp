@@ -13,7 +13,7 @@ int _Test;
 int _Frame;
 
 const AEC_tCfg AEC_DefaultCfg = {-10.0f, 45.0f, 30.0f, 4.5f, -95.0f, 0.0f, 100.0f, 0};
-const AEC_tCfg kvaec_full_duplex_cfg = {-10.0f, 45.0f, 30.0f, 3.0f, -95.0f, 0.0f, 100.0f, 0};
+const AEC_tCfg kvaec_full_duplex_cfg = {-10.0f, 60.0f, 20.0f, 3.0f, -95.0f, 0.0f, 100.0f, 0};
 }
 
 // Layout checks. Everything after the three store pointers is 32-bit words,

@@ -101,6 +101,28 @@ TEST(Records, ProfileIsAnInteger) {
     EXPECT_NE(AEC_Db.tCfg.iProfile, 1);
 }
 
+TEST(Records, FullDuplexConfigurationChangesOnlyTheDoubleTalkFields) {
+    // The record chosen by the double-talk category sweep: the defaults with a
+    // 60 dB upper and 20 dB lower NLP level and a 3 dB double-talk margin.
+    const AEC_tCfg &f = kvaec_full_duplex_cfg;
+    const AEC_tCfg &d = AEC_DefaultCfg;
+    EXPECT_EQ(kvaec_cfg_check(&f), nullptr);
+    EXPECT_EQ(f.fErlInitDb, d.fErlInitDb);
+    EXPECT_EQ(f.fNlpAttMaxDb, 60.0f);
+    EXPECT_EQ(f.fNlpAttMinDb, 20.0f);
+    EXPECT_EQ(f.fDtdMarginDb, 3.0f);
+    EXPECT_EQ(f.fLevelFloorDb, d.fLevelFloorDb);
+    EXPECT_EQ(f.fNrLevelDb, d.fNrLevelDb);
+    EXPECT_EQ(f.fRinLevelRefDb, d.fRinLevelRefDb);
+    EXPECT_EQ(f.iProfile, d.iProfile);
+    // The defaults stay as they are.
+    EXPECT_EQ(d.fNlpAttMaxDb, 45.0f);
+    EXPECT_EQ(d.fNlpAttMinDb, 30.0f);
+    EXPECT_EQ(d.fDtdMarginDb, 4.5f);
+    aecx_init(&f);
+    EXPECT_EQ(std::memcmp(&AEC_Db.tCfg, &f, sizeof f), 0);
+}
+
 TEST(Records, GlobalWordsExist) {
     _Test = 5;
     _Frame = 6;

@@ -317,3 +317,32 @@ def test_process_with_bad_samples():
     assert np.all(np.isfinite(r["out"]))
     with pytest.raises(ValueError, match=r"mic holds no usable samples \(all 1600 are NaN or infinite\)"):
         kvaec.process(noise(1, 1600), np.full(1600, np.nan, np.float32))
+
+
+def test_preset_selects_the_library_record_everywhere():
+    fd = kvaec.preset_config("full-duplex")
+    assert fd != kvaec.Config()
+    assert kvaec.preset_config("default") == kvaec.Config()
+    with kvaec.Canceller(preset="full-duplex") as c:
+        assert c.active_config() == fd
+    with kvaec.Canceller() as c:  # nothing said: the full-duplex preset
+        assert c.active_config() == fd
+    with kvaec.Canceller(preset="default") as c:
+        assert c.active_config() == kvaec.Config()
+    with pytest.raises(ValueError, match="unknown preset"):
+        kvaec.Canceller(preset="loud")
+    with pytest.raises(ValueError, match="either config or preset"):
+        kvaec.Canceller(kvaec.Config(), preset="default")
+    # The hosts' offline and closed-loop calls load the same record as the
+    # preset's fields given as a Config (bit-identical outputs), and another
+    # output than the default preset.
+    far, near = noise(11, 16000), noise(12, 16000, 0.02)
+    near[:8000] = 0
+    a = kvaec.simulate(far, near, preset="full-duplex")["send"]
+    assert np.array_equal(a, kvaec.simulate(far, near, config=fd)["send"])
+    assert not np.array_equal(a, kvaec.simulate(far, near, preset="default")["send"])
+    mic = np.concatenate([np.zeros(800, np.float32), 0.5 * far[:-800]]) + near
+    assert np.array_equal(a, kvaec.simulate(far, near)["send"])
+    b = kvaec.process(far, mic, preset="full-duplex", delay=50)["out"]
+    assert np.array_equal(b, kvaec.process(far, mic, config=fd, delay=50)["out"])
+    assert np.array_equal(b, kvaec.process(far, mic, delay=50)["out"])

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 #include "audio_io.h"
@@ -20,6 +21,12 @@ void reloadCanceller(const Settings &s) {
     unsigned cmd = KVAEC_CMD_RESET | KVAEC_CMD_LOAD_CFG | s.mode;
     if (s.nlpParamSet) cmd |= KVAEC_CMD_SET_NLP_PARAM;
     aecx_control(cmd, &s.cfg, s.nlpParam);
+}
+
+const char *presetName(const AEC_tCfg &cfg) {
+    if (std::memcmp(&cfg, &AEC_DefaultCfg, sizeof cfg) == 0) return "default";
+    if (std::memcmp(&cfg, &kvaec_full_duplex_cfg, sizeof cfg) == 0) return "full-duplex";
+    return "custom";
 }
 
 void startCanceller(const Settings &s) {

@@ -31,6 +31,10 @@ struct Settings {
 // range), the NLP value must be finite. Throws ToolError.
 void checkSettings(const Settings &s);
 
+// Name of the preset a configuration record equals ("default",
+// "full-duplex"), or "custom".
+const char *presetName(const AEC_tCfg &cfg);
+
 // Brings the library to the settings: aecx_init with the configuration,
 // then the mode word (and the NLP value when given). The settings must have
 // passed checkSettings.
