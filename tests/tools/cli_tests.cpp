@@ -651,7 +651,7 @@ TEST_F(Tool, BadConfigurationIsRefusedBeforeAnyWorkNamingFieldAndRange) {
         {"--fRinLevelRefDb -inf", "fRinLevelRefDb: must be a finite number from -20 to 150 (dB)"},
         {"--fNrLevelDb 2", "fNrLevelDb: must be a finite number from 0 to 1"},
         {"--iProfile 7", "iProfile: must be an integer from 0 to 6"},
-        {"--fNlpAttMinDb 50", "fNlpAttMinDb: must not exceed fNlpAttMaxDb"},
+        {"--fNlpAttMinDb 70", "fNlpAttMinDb: must not exceed fNlpAttMaxDb"},
         {"--nlp-param nan", "fNlpParam: must be a finite number"},
     };
     for (const Case &c : cases) {
@@ -781,6 +781,7 @@ TEST_F(Tool, SimulateRefusesToDrawThePlotOverAnInput) {
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(has(r, "(the plot) is the input")) << r.out;
     EXPECT_EQ(slurp(p("sim/plot.png")), before);
+}
 
 // Every field of a configuration record as options of the tool.
 std::string spelled(const AEC_tCfg &c) {
