@@ -103,9 +103,12 @@ const PropDef kProps[] = {
 constexpr unsigned kPropModeMask =
     KVAEC_MODE_BYPASS | KVAEC_MODE_FREEZE | KVAEC_MODE_NO_NLP | KVAEC_MODE_NO_NR | KVAEC_MODE_NO_HIPASS;
 
+// The full-duplex preset unless a property names another: with all loss on
+// the send path it keeps the near-end talker in double talk (measured by the
+// double-talk category evaluation, docs/tuning.md), as in the other hosts.
 struct Settings {
-    AEC_tCfg cfg = AEC_DefaultCfg;
-    bool fullDuplex = false;
+    AEC_tCfg cfg = kvaec_full_duplex_cfg;
+    bool fullDuplex = true;
     unsigned mode = KVAEC_MODE_SEND_ONLY_LOSS;  // all loss on the send path, always
     int micChannel = 0;
 };
@@ -659,10 +662,10 @@ int aecEnumProps(void *object, int index, spa_pod_builder *b) {
     spa_pod_builder_string(b, p.description);
     spa_pod_builder_prop(b, SPA_PROP_INFO_type, 0);
     switch (p.kind) {
-    case Kind::CfgFloat: spa_pod_builder_float(b, cfgFloat(AEC_DefaultCfg, p.offset)); break;
-    case Kind::CfgInt: spa_pod_builder_int(b, cfgInt(AEC_DefaultCfg, p.offset)); break;
+    case Kind::CfgFloat: spa_pod_builder_float(b, cfgFloat(kvaec_full_duplex_cfg, p.offset)); break;
+    case Kind::CfgInt: spa_pod_builder_int(b, cfgInt(kvaec_full_duplex_cfg, p.offset)); break;
     case Kind::ModeBit: spa_pod_builder_bool(b, false); break;
-    case Kind::Preset: spa_pod_builder_string(b, "default"); break;
+    case Kind::Preset: spa_pod_builder_string(b, "full-duplex"); break;
     case Kind::MicChannel: spa_pod_builder_int(b, 0); break;
     }
     spa_pod_builder_prop(b, SPA_PROP_INFO_params, 0);
