@@ -121,6 +121,10 @@ typedef struct kvaec_track_segment {
     double end_sec;     /* where it ends (the next segment's start, or the end of the recording) */
     double delay_sec;   /* fitted delay at start_sec */
     double drift_ppm;   /* change of the delay per second of microphone time, ppm */
+    double jump_sec;    /* step of the delay at start_sec from the previous segment's fitted end; 0 for
+                           the first segment and where only the drift changes */
+    int32_t is_break;   /* 1: the segment starts at a jump (|jump_sec| >= break_sec); 0: the first
+                           segment, or a change of drift with the delay continuous */
     int32_t trusted_windows; /* trusted windows inside it */
 } kvaec_track_segment;
 
