@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <csignal>
 #include <cstdlib>
+#include <cstdint>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
@@ -812,4 +814,57 @@ TEST_F(Tool, PresetLoadsTheFullDuplexRecordAndGivenFieldsOverrideIt) {
     EXPECT_EQ(bad.code, 2);
     EXPECT_TRUE(has(bad, "--preset")) << bad.out;
     EXPECT_TRUE(has(kvaec("process --help"), "Default: full-duplex"));
+}
+
+namespace {
+
+// FNV-1a 64 over the bit patterns of float samples (least significant byte first).
+uint64_t fnv(const std::vector<float> &x) {
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (float v : x) {
+        uint32_t w;
+        std::memcpy(&w, &v, sizeof w);
+        for (int b = 0; b < 4; ++b) {
+            h ^= (w >> (8 * b)) & 0xffu;
+            h *= 0x100000001b3ull;
+        }
+    }
+    return h;
+}
+
+// Noise made with integer arithmetic and one exact division, so that the
+// input files are the same on every target.
+std::vector<float> integerNoise(uint32_t seed, size_t n, int scale) {
+    std::vector<float> x(n);
+    uint32_t s = seed;
+    for (float &v : x) {
+        s = s * 1664525u + 1013904223u;
+        v = static_cast<float>(static_cast<int32_t>(s >> 16) - 32768) / static_cast<float>(scale);
+    }
+    return x;
+}
+
+}  // namespace
+
+// With the delay given, 16 kHz mono files and no drift, the output is the one
+// the single-shift alignment gives (the far end or the microphone moved by a
+// whole number of samples), bit for bit. The hashes were taken from that
+// path; a change of the library that changes them is updated here together
+// with tests/golden/golden_hash.txt.
+TEST_F(Tool, GivenDelayOnSixteenKilohertzMonoKeepsTheSingleShiftOutput) {
+    const size_t n = 4 * 16000;
+    const std::vector<float> f = integerNoise(7, n, 655360);  // about -26 dBFS
+    std::vector<float> m = integerNoise(11, n, 65536000);     // noise floor about -66 dBFS
+    for (size_t i = 800; i < n; ++i) m[i] += 0.5f * f[i - 800];
+    writeWav(p("far.wav"), f);
+    writeWav(p("mic.wav"), m);
+    // 50 ms: the far end is delayed; 5 ms: the microphone is delayed.
+    for (const auto &c : {std::make_pair("50", 0x63d1e8a4eaf75688ull), std::make_pair("5", 0x2d2a07fceb385b28ull)}) {
+        const ToolRun r = kvaec(std::string("process -q --delay ") + c.first + " --far " + p("far.wav") + " --mic " +
+                                p("mic.wav") + " -o " + p("out.wav"));
+        ASSERT_EQ(r.code, 0) << r.out;
+        const Wav o = readWav(p("out.wav"));
+        ASSERT_EQ(o.x.size(), n);
+        EXPECT_EQ(fnv(o.x), c.second) << "--delay " << c.first << ": " << std::hex << fnv(o.x);
+    }
 }
