@@ -163,7 +163,8 @@ void installInterruptHandler() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-Audio readAudio(const std::string &path, std::vector<std::string> *warnings) {
+SNDFILE *openAudio(const std::string &path, int &rate, int &channels, long long &frames, int &format,
+                   std::vector<std::string> *warnings) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0)
         throw ToolError("cannot open '" + path + "': " + std::strerror(errno));
@@ -179,10 +180,7 @@ Audio readAudio(const std::string &path, std::vector<std::string> *warnings) {
     SF_INFO info{};
     SNDFILE *f = sf_open(path.c_str(), SFM_READ, &info);
     if (!f) throw ToolError("'" + path + "' is not a readable audio file (" + sf_strerror(nullptr) + ")");
-    Audio a;
-    a.rate = info.samplerate;
-    a.channels = info.channels;
-    if (a.rate <= 0 || a.channels <= 0) {
+    if (info.samplerate <= 0 || info.channels <= 0) {
         sf_close(f);
         throw ToolError("'" + path + "' has no usable sample rate or channel count");
     }
@@ -191,6 +189,25 @@ Audio readAudio(const std::string &path, std::vector<std::string> *warnings) {
             warnings->push_back("'" + path + "': the header disagrees with the file's size (" + m +
                                 "): truncated or damaged file; using the " + std::to_string(info.frames) +
                                 " sample frames present");
+    if (info.frames == 0) {
+        sf_close(f);
+        throw ToolError("'" + path + "' holds no samples");
+    }
+    rate = info.samplerate;
+    channels = info.channels;
+    frames = info.frames;
+    format = info.format;
+    return f;
+}
+
+Audio readAudio(const std::string &path, std::vector<std::string> *warnings) {
+    Audio a;
+    long long frames = 0;
+    int format = 0;
+    SNDFILE *f = openAudio(path, a.rate, a.channels, frames, format, warnings);
+    SF_INFO info{};
+    info.frames = frames;
+    info.channels = a.channels;
     a.samples.resize(static_cast<size_t>(info.frames) * static_cast<size_t>(info.channels));
     const sf_count_t got = sf_readf_float(f, a.samples.data(), info.frames);
     sf_close(f);

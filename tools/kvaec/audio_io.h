@@ -4,6 +4,8 @@
 #ifndef KVAEC_TOOL_AUDIO_IO_H
 #define KVAEC_TOOL_AUDIO_IO_H
 
+#include <sndfile.h>
+
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -29,6 +31,12 @@ struct Audio {
 // A header that disagrees with the file's size (a truncated or damaged
 // file) is reported in `warnings`; the samples present are used.
 Audio readAudio(const std::string &path, std::vector<std::string> *warnings = nullptr);
+
+// Opens `path` for streamed reading with the checks of readAudio (missing
+// file, not a regular file, not audio, no samples); header warnings go to
+// `warnings`. The caller closes the handle with sf_close.
+SNDFILE *openAudio(const std::string &path, int &rate, int &channels, long long &frames, int &format,
+                       std::vector<std::string> *warnings = nullptr);
 
 // Picks one channel. `channel` is 1-based; 0 means "not given", which is only
 // accepted for mono files (a multi-channel file needs an explicit choice).
@@ -104,6 +112,8 @@ public:
     void writeWav(int index, const std::vector<float> &x, int rate, bool pcm16 = false);
     // Writes text to the temporary file.
     void writeText(int index, const std::string &text);
+    // Marks an output written by the caller into tempPath() (streamed writers).
+    void markWritten(int index) { items_.at(static_cast<size_t>(index)).written = true; }
     // Temporary file of an output (for writers outside this class).
     const std::string &tempPath(int index) const { return items_.at(static_cast<size_t>(index)).temp; }
     const std::string &finalPath(int index) const { return items_.at(static_cast<size_t>(index)).path; }

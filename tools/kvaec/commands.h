@@ -10,11 +10,13 @@ namespace kvaec::tool {
 
 struct ProcessArgs {
     std::string far, mic, out, farOut;
+    std::string report, frames, plot; // --report JSON, --frames CSV, --plot PNG
     std::string delay = "auto";   // "auto" or milliseconds
     double delayMarginMs = 2.0;   // margin beyond KVAEC_ECHO_MIN_DELAY
-    double maxDelayMs = 500.0;    // search range of the estimate
-    double estimateSeconds = 5.0; // far-end activity analysed by the estimate
-    int channel = 0;              // 1-based, 0 = not given
+    double maxDelayMs = 5000.0;   // largest |offset| the delay track searches
+    int channel = 0;              // 1-based, 0 = not given: both files
+    int farChannel = 0;           // 1-based, 0 = not given (the far end's channels mixed)
+    int micChannel = 0;           // 1-based, 0 = not given (the first channel is cleaned)
     bool noResample = false;
     bool pcm16 = false;
     bool quiet = false;

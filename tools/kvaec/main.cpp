@@ -124,9 +124,12 @@ int main(int argc, char **argv) {
     proc->add_option("-o,--out", pa.out, "output: the send signal, aligned with the microphone recording (missing directories are created)")->required();
     proc->add_option("--far-out", pa.farOut, "also write the receive output (what the library would play), aligned with FAR");
     proc->add_option("--delay", pa.delay,
-                     "bulk delay of the echo behind the far end: 'auto' (GCC-PHAT estimate on the first seconds with "
-                     "far-end activity) or milliseconds")
+                     "delay of the echo behind the far end: 'auto' (followed over the whole recording: offset, "
+                     "clock drift and jumps) or milliseconds (one constant delay)")
         ->capture_default_str();
+    proc->add_option("--report", pa.report, "write the delay track, the echo figures and the verdict as JSON");
+    proc->add_option("--frames", pa.frames, "write per-frame levels, echo reduction, double-talk flag and delay as CSV");
+    proc->add_option("--plot", pa.plot, "draw the per-frame figures of --frames into a PNG (needs python3-matplotlib)");
     proc->add_option("--delay-margin", pa.delayMarginMs, fmt("ms of margin beyond the least delay the canceller needs between its receive output and the echo "
                          "(KVAEC_ECHO_MIN_DELAY, %d samples = %.1f ms)", KVAEC_ECHO_MIN_DELAY,
                          1000.0 * KVAEC_ECHO_MIN_DELAY / KVAEC_SAMPLE_RATE))
@@ -135,10 +138,16 @@ int main(int argc, char **argv) {
     proc->add_option("--max-delay", pa.maxDelayMs, "ms, search range of the delay estimate")
         ->check(finiteRange(1.0, 5000.0))
         ->capture_default_str();
-    proc->add_option("--channel", pa.channel, "channel to use (1-based) of multi-channel inputs")->check(kChannel);
+    proc->add_option("--channel", pa.channel, "channel (1-based) of both inputs: --far-channel and --mic-channel at once")
+        ->check(kChannel);
+    proc->add_option("--far-channel", pa.farChannel, "channel (1-based) of the far-end file (default: its channels mixed)")
+        ->check(kChannel);
+    proc->add_option("--mic-channel", pa.micChannel,
+                     "channel (1-based) of the microphone file to clean; the others pass through (default: 1)")
+        ->check(kChannel);
     proc->add_flag("--no-resample", pa.noResample, "fail instead of resampling inputs that are not at 16 kHz");
-    proc->add_flag("--pcm16", pa.pcm16, "write 16-bit PCM instead of 32-bit float WAV");
-    proc->add_flag("-q,--quiet", pa.quiet, "no progress bar");
+    proc->add_flag("--pcm16", pa.pcm16, "write 16-bit PCM WAV instead of the microphone file's format");
+    proc->add_flag("-q,--quiet", pa.quiet, "no progress display");
     // Both commands start from the full-duplex preset: measured with the
     // double-talk category evaluation it reaches type 1 where the defaults
     // reach 2a, live and with all loss on the send path (docs/tuning.md).
