@@ -542,6 +542,15 @@ int runProcess(const ProcessArgs &a) {
     kvaec_track_params tp;
     kvaec_track_default_params(&tp);
     tp.max_offset_sec = a.maxDelayMs / 1000.0;
+    // A recording shorter than two windows gets shorter windows (down to
+    // 1 s), so that a few seconds still give several measurements.
+    {
+        const double len = static_cast<double>(std::min(farLen, micLen)) / kRate;
+        if (len < 2.0 * tp.window_sec) {
+            tp.window_sec = std::max(1.0, len / 2.0);
+            tp.hop_sec = tp.window_sec / 2.0;
+        }
+    }
     struct TrackDel {
         void operator()(kvaec_track *t) const { kvaec_track_destroy(t); }
     };
