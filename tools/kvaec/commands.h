@@ -20,6 +20,7 @@ struct ProcessArgs {
     bool noResample = false;
     bool pcm16 = false;
     bool quiet = false;
+    bool resetAtBreak = false;    // reset the canceller where the delay jumps
     Settings settings;
 };
 

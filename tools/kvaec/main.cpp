@@ -145,6 +145,11 @@ int main(int argc, char **argv) {
     proc->add_option("--mic-channel", pa.micChannel,
                      "channel (1-based) of the microphone file to clean; the others pass through (default: 1)")
         ->check(kChannel);
+    proc->add_option_function<std::string>(
+         "--at-break", [&pa](const std::string &v) { pa.resetAtBreak = v == "reset"; },
+         "where the delay jumps: 'keep' the adaptive filters (default; the compensation keeps the echo path) or "
+         "'reset' the canceller")
+        ->check(CLI::IsMember({"keep", "reset"}));
     proc->add_flag("--no-resample", pa.noResample, "fail instead of resampling inputs that are not at 16 kHz");
     proc->add_flag("--pcm16", pa.pcm16, "write 16-bit PCM WAV instead of the microphone file's format");
     proc->add_flag("-q,--quiet", pa.quiet, "no progress display");

@@ -815,7 +815,17 @@ int runProcess(const ProcessArgs &a) {
         std::vector<float> micIn(4096);
         for (const kvaec_track_segment &s : segs)
             if (s.is_break) breaksAt.push_back(s.start_sec);
+        size_t nextBreak = 0;
         for (long long k = 0; k < frames; ++k) {
+            // At a break the compensation steps with the far end, so the
+            // echo path the filters learnt stays valid: they are kept unless
+            // --at-break reset asks otherwise (docs/recordings.md has the
+            // measurement behind the default).
+            if (nextBreak < breaksAt.size() &&
+                static_cast<double>(k * kFrame - micShift) / kRate >= breaksAt[nextBreak]) {
+                if (a.resetAtBreak) reloadCanceller(st);
+                ++nextBreak;
+            }
             // Microphone frame.
             while (micBuf.size() - micPos < static_cast<size_t>(kFrame)) {
                 if (micPos > 65536) {
