@@ -212,6 +212,22 @@ TEST_F(Recordings, NoDriftFindsTheOffsetToAQuarterSampleAndCancelsLinearly) {
     EXPECT_TRUE(has(run, "verdict:         echo removed")) << run.out;
 }
 
+// A far end aligned too late (the echo comes before its reference) is only
+// turned down by the residual suppression: the verdict says so.
+TEST_F(Recordings, EchoOnlyTurnedDownIsNotCalledRemoved) {
+    const Recording r = makeRecording(spec(40, 0.1, 0));
+    const ToolRun bad = process(r, "--delay 150");
+    ASSERT_EQ(bad.code, 0) << bad.out;
+    const std::string rep = slurp(p("report.json"));
+    EXPECT_EQ(jstr(rep, "verdict"), "echo not removed") << rep;
+    EXPECT_LT(jnum(rep, "linear_echo_reduction_db"), 10.0) << rep;
+    EXPECT_GT(jnum(rep, "output_echo_reduction_db"), jnum(rep, "linear_echo_reduction_db") + 6.0) << rep;
+    EXPECT_TRUE(has(bad, "verdict:         echo not removed")) << bad.out;
+    const ToolRun good = process(r, "--delay 100");
+    ASSERT_EQ(good.code, 0) << good.out;
+    EXPECT_EQ(jstr(slurp(p("report.json")), "verdict"), "echo removed");
+}
+
 namespace {
 
 // ERLE over the last `tail` seconds of a drifting pair next to the same pair
