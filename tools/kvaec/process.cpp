@@ -216,10 +216,11 @@ public:
     static constexpr int kHalf = 32;
     static constexpr int kPhases = 512;
     SincInterpolator() {
-        // Cut-off a little below the 16 kHz Nyquist frequency: the resampled
-        // inputs carry nothing above it, and the transition band keeps the
-        // kernel short.
-        const double fc = 0.94, beta = 9.0;
+        // Cut-off at the Nyquist frequency: at a whole-sample position the
+        // kernel is the identity (a full-band far end keeps its top band),
+        // between them the window's transition band lowers only the last few
+        // hundred hertz below 8 kHz.
+        const double fc = 1.0, beta = 9.0;
         table_.resize(static_cast<size_t>((kPhases + 1) * 2 * kHalf));
         auto i0 = [](double x) {
             double s = 1, t = 1;
@@ -647,6 +648,17 @@ int runProcess(const ProcessArgs &a) {
             followTrack = true;
             const double d0 = kvaec_track_delay_at(track.get(), 0.0) * kRate;
             constDelay = d0;
+            // A track that stays within 0.05 sample of one whole number over
+            // the whole recording is that whole number: the far end is then
+            // copied, not interpolated (the fit's last digits are noise).
+            if (sum.segments == 1) {
+                const double dEnd = kvaec_track_delay_at(track.get(), static_cast<double>(micLen) / kRate) * kRate;
+                const double whole = std::round(d0);
+                if (std::fabs(d0 - whole) < 0.05 && std::fabs(dEnd - whole) < 0.05) {
+                    followTrack = false;
+                    constDelay = whole;
+                }
+            }
             delayText = fmt("%.2f ms (%.1f samples at the start; %d segment(s), %d of %d windows trusted)",
                             1000.0 * d0 / kRate, d0, sum.segments, sum.trusted_windows, sum.active_windows);
         }
