@@ -69,6 +69,132 @@ double parseMs(const std::string &s) {
 constexpr float kHugeSample = 1000.0f;
 
 // ---------------------------------------------------------------------------
+// Resampling by a whole factor (48 kHz <-> 16 kHz: 3), the common case of
+// recordings, several times faster than a general converter: a zero-phase
+// Kaiser-windowed sinc low-pass (pass band to 0.95 of 8 kHz, 20 zero
+// crossings of the 16 kHz rate either side), applied only where the
+// output needs it. Streamed: samples in, samples out, the same time base.
+// Dot product in 8 lanes summed at the end (lane-wise, so the compiler
+// vectorises it without reordering any one sum).
+inline float dot(const float *a, const float *b, int n) {
+    float lane[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    int k = 0;
+    for (; k + 8 <= n; k += 8)
+        for (int l = 0; l < 8; ++l) lane[l] += a[k + l] * b[k + l];
+    float acc = ((lane[0] + lane[1]) + (lane[2] + lane[3])) + ((lane[4] + lane[5]) + (lane[6] + lane[7]));
+    for (; k < n; ++k) acc += a[k] * b[k];
+    return acc;
+}
+
+class WholeFactorResampler {
+public:
+    // `factor` > 1; `down`: from factor x 16 kHz to 16 kHz, else up.
+    WholeFactorResampler(int factor, bool down) : f_(factor), down_(down) {
+        constexpr int kZeros = 20;
+        half_ = kZeros * f_;
+        const double fc = 0.95 / f_, beta = 8.0;  // cycles per high-rate sample x 2
+        auto i0 = [](double x) {
+            double s = 1, t = 1;
+            for (int k = 1; k < 40; ++k) {
+                t *= (x / (2 * k)) * (x / (2 * k));
+                s += t;
+            }
+            return s;
+        };
+        h_.resize(static_cast<size_t>(2 * half_ + 1));
+        double sum = 0;
+        for (int k = -half_; k <= half_; ++k) {
+            const double x = M_PI * fc * k;
+            const double sinc = k == 0 ? 1.0 : std::sin(x) / x;
+            const double r = static_cast<double>(k) / (half_ + 1);
+            const double w = i0(beta * std::sqrt(1 - r * r)) / i0(beta);
+            h_[static_cast<size_t>(k + half_)] = sinc * w;
+            sum += sinc * w;
+        }
+        // Unit gain at DC: down, the taps sum to 1; up, every phase sums to 1.
+        for (double &v : h_) v *= (down_ ? 1.0 : static_cast<double>(f_)) / sum;
+        hf_.assign(h_.begin(), h_.end());
+        // Up: output m = q f + p takes x[q - kZeros + u] times
+        // poly_[p][u] = g[(2 kZeros - u) f + p] (0 beyond the filter).
+        poly_.assign(static_cast<size_t>(f_), std::vector<float>(2 * kZeros + 1, 0.0f));
+        for (int p = 0; p < f_; ++p)
+            for (int u = 0; u <= 2 * kZeros; ++u) {
+                const int idx = (2 * kZeros - u) * f_ + p;
+                if (idx <= 2 * half_) poly_[static_cast<size_t>(p)][static_cast<size_t>(u)] = hf_[static_cast<size_t>(idx)];
+            }
+        zeros_ = kZeros;
+    }
+    // Appends input; `last`: no more input comes (the signal continues as
+    // zeros). Appends the outputs now computable to `out`.
+    void push(const float *x, long n, bool last, std::vector<float> &out) {
+        in_.insert(in_.end(), x, x + n);
+        if (last) {
+            in_.insert(in_.end(), static_cast<size_t>(half_ + f_), 0.0f);
+            ended_ = true;
+        }
+        const long long avail = base_ + static_cast<long long>(in_.size());
+        if (down_) {
+            // y[m] = sum_k h[k] x[m f + k]; samples before 0 are zeros.
+            for (;; ++next_) {
+                const long long c = next_ * f_;
+                if (c + half_ >= avail) break;
+                float acc = 0;
+                if (c - half_ >= base_) {
+                    acc = dot(hf_.data(), &in_[static_cast<size_t>(c - half_ - base_)], 2 * half_ + 1);
+                } else {
+                    for (int k = -half_; k <= half_; ++k) {
+                        const long long j = c + k;
+                        if (j >= base_) acc += hf_[static_cast<size_t>(k + half_)] * in_[static_cast<size_t>(j - base_)];
+                    }
+                }
+                out.push_back(acc);
+            }
+            trim(next_ * f_ - half_ - 1);
+        } else {
+            // y[m] = sum_j x[j] g[m - j f] over |m - j f| <= half: phase
+            // p = m mod f uses the sub-filter poly_[p] (taps g[p + half - i f]
+            // for j = (m - p)/f - ... in order), contiguous.
+            for (;; ++next_) {
+                const long long m = next_;
+                const long long jHi = (m + half_) / f_;
+                if (jHi >= avail) break;
+                const long long jLo = m - half_ <= 0 ? 0 : (m - half_ + f_ - 1) / f_;
+                const long long q = m / f_;
+                float acc = 0;
+                if (q - zeros_ >= base_) {
+                    acc = dot(poly_[static_cast<size_t>(m - q * f_)].data(), &in_[static_cast<size_t>(q - zeros_ - base_)],
+                              2 * zeros_ + 1);
+                } else {
+                    for (long long j = std::max(jLo, base_); j <= jHi; ++j)
+                        acc += hf_[static_cast<size_t>(m - j * f_ + half_)] * in_[static_cast<size_t>(j - base_)];
+                }
+                out.push_back(acc);
+            }
+            trim((next_ - half_) / f_ - 1);
+        }
+    }
+
+private:
+    void trim(long long keepFrom) {
+        const long long drop = keepFrom - base_;
+        if (drop > 65536) {
+            in_.erase(in_.begin(), in_.begin() + static_cast<long>(drop));
+            base_ += drop;
+        }
+    }
+    int f_;
+    bool down_;
+    int half_ = 0;
+    std::vector<double> h_;
+    std::vector<float> hf_;
+    std::vector<std::vector<float>> poly_;
+    int zeros_ = 0;
+    std::vector<float> in_;
+    long long base_ = 0, next_ = 0;
+    bool ended_ = false;
+};
+
+// ---------------------------------------------------------------------------
 // One file read in blocks as a 16 kHz mono stream: channel `channel`
 // (1-based) or the mix of all channels (0), non-finite samples as silence,
 // resampled with libsamplerate when the file has another rate. The stream
@@ -91,9 +217,13 @@ public:
                                 " Hz; the canceller runs at " + std::to_string(kRate) +
                                 " Hz and resampling is switched off (--no-resample)");
             }
-            int err = 0;
-            src_ = src_new(SRC_SINC_MEDIUM_QUALITY, 1, &err);
-            if (!src_) throw ToolError(std::string("resampling failed: ") + src_strerror(err));
+            if (rate_ % kRate == 0) {
+                whole_.reset(new WholeFactorResampler(rate_ / kRate, true));
+            } else {
+                int err = 0;
+                src_ = src_new(SRC_SINC_MEDIUM_QUALITY, 1, &err);
+                if (!src_) throw ToolError(std::string("resampling failed: ") + src_strerror(err));
+            }
         }
         length16_ = rate_ == kRate ? frames_
                                    : static_cast<long long>(std::llround(static_cast<double>(frames_) * kRate / rate_));
@@ -173,6 +303,11 @@ private:
             }
             mono_[static_cast<size_t>(i)] = v;
         }
+        if (whole_) {
+            whole_->push(mono_.data(), static_cast<long>(n), eof_, pend_);
+            if (eof_) flushed_ = true;
+            return !pend_.empty() || !flushed_;
+        }
         if (!src_) {
             pend_.swap(mono_);
             if (eof_) flushed_ = true;
@@ -201,6 +336,7 @@ private:
 
     SNDFILE *f_ = nullptr;
     SRC_STATE *src_ = nullptr;
+    std::unique_ptr<WholeFactorResampler> whole_;
     int rate_ = 0, channels_ = 0, format_ = 0, channel_ = 0;
     long long frames_ = 0, length16_ = 0, done_ = 0, nonFinite_ = 0, finite_ = 0;
     bool eof_ = false, flushed_ = false;
@@ -256,11 +392,7 @@ public:
         const float *r0 = &table_[static_cast<size_t>(p * 2 * kHalf)];
         const float *r1 = r0 + 2 * kHalf;
         const float *s = x - (kHalf - 1);
-        float acc0 = 0, acc1 = 0;
-        for (int k = 0; k < 2 * kHalf; ++k) {
-            acc0 += r0[k] * s[k];
-            acc1 += r1[k] * s[k];
-        }
+        const float acc0 = dot(r0, s, 2 * kHalf), acc1 = dot(r1, s, 2 * kHalf);
         return acc0 + a * (acc1 - acc0);
     }
 
@@ -727,7 +859,9 @@ int runProcess(const ProcessArgs &a) {
     // Output writer: the 16 kHz send signal back at the microphone's rate,
     // into the processed channel; the other channels copied.
     SRC_STATE *up = nullptr;
-    if (micRate != kRate) {
+    std::unique_ptr<WholeFactorResampler> upWhole;
+    if (micRate != kRate && micRate % kRate == 0) upWhole.reset(new WholeFactorResampler(micRate / kRate, false));
+    if (micRate != kRate && !upWhole) {
         int err = 0;
         up = src_new(SRC_SINC_MEDIUM_QUALITY, 1, &err);
         if (!up) throw ToolError(std::string("resampling failed: ") + src_strerror(err));
@@ -755,6 +889,12 @@ int runProcess(const ProcessArgs &a) {
     auto emit16 = [&](const float *y, long n, bool last) {
         if (upFlushed) return;
         if (last) upFlushed = true;
+        if (upWhole) {
+            upBuf.clear();
+            upWhole->push(y, n, last, upBuf);
+            emit(upBuf.data(), static_cast<long>(upBuf.size()));
+            return;
+        }
         if (!up) {
             emit(y, n);
             return;
@@ -955,7 +1095,7 @@ int runProcess(const ProcessArgs &a) {
                              1000.0 * delayAt(t0s) / kRate);
             prog.update(k + 1);
         }
-        if (!sendKeep.empty() || (up && !upFlushed)) emit16(sendKeep.data(), static_cast<long>(sendKeep.size()), true);
+        if (!sendKeep.empty() || ((up || upWhole) && !upFlushed)) emit16(sendKeep.data(), static_cast<long>(sendKeep.size()), true);
         prog.finish();
         secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         // Whatever the resampler left short of the exact length: silence.
