@@ -497,7 +497,7 @@ struct StreamCheck {
     long long badFrames = 0;
     double power = 0;
     long long powerFrames = 0;
-    double rmsDb() const { return 10.0 * std::log10((powerFrames > 0 ? power / (powerFrames * kFrame) : 0.0) + 1e-20); }
+    double rmsDb() const { return 10.0 * std::log10((powerFrames > 0 ? power / static_cast<double>(powerFrames * kFrame) : 0.0) + 1e-20); }
 };
 
 // Frame analysis of a 16 kHz stream fed in arbitrary blocks.
@@ -900,7 +900,7 @@ int runProcess(const ProcessArgs &a) {
             return;
         }
         const double ratio = static_cast<double>(micRate) / kRate;
-        upBuf.resize(static_cast<size_t>(std::ceil(n * ratio)) + 512);
+        upBuf.resize(static_cast<size_t>(std::ceil(static_cast<double>(n) * ratio)) + 512);
         long inPos = 0;
         for (;;) {
             SRC_DATA d{};
@@ -998,7 +998,7 @@ int runProcess(const ProcessArgs &a) {
             const double t0s = static_cast<double>(m0 - micShift) / kRate;
             const double dA = delayAt(t0s), dB = delayAt(t0s + static_cast<double>(kFrame) / kRate);
             const bool straddles = followTrack && std::fabs(dB - dA) > 0.01;  // a break inside the frame
-            const double posA = static_cast<double>(m0 - micShift) - dA + lagAtCanceller;
+            const double posA = static_cast<double>(m0 - micShift) - dA + static_cast<double>(lagAtCanceller);
             const long long pa = static_cast<long long>(std::floor(posA));
             farW.need(pa - SincInterpolator::kHalf - 2 * kFrame, pa + kFrame + SincInterpolator::kHalf + 2);
             if (!followTrack && posA == static_cast<double>(pa)) {
@@ -1007,7 +1007,7 @@ int runProcess(const ProcessArgs &a) {
                 for (int n = 0; n < kFrame; ++n) {
                     const double d = straddles ? delayAt(t0s + static_cast<double>(n) / kRate)
                                                : dA + (dB - dA) * n / kFrame;
-                    const double pos = static_cast<double>(m0 + n - micShift) - d + lagAtCanceller;
+                    const double pos = static_cast<double>(m0 + n - micShift) - d + static_cast<double>(lagAtCanceller);
                     const double fl = std::floor(pos);
                     const long long ip = static_cast<long long>(fl);
                     const double frac = pos - fl;
