@@ -206,6 +206,8 @@ TEST_F(Recordings, NoDriftFindsTheOffsetToAQuarterSampleAndCancelsLinearly) {
     const std::string rep = slurp(p("report.json"));
     EXPECT_NEAR(jnum(rep, "offset_at_start_samples"), r.delayAt(0) * r.rate, 0.25) << rep;
     EXPECT_NEAR(jnum(rep, "drift_ppm"), 0.0, 0.5) << rep;
+    EXPECT_LE(jnum(rep, "residual_offset_max_samples"), 0.25) << rep;
+    EXPECT_GE(jnum(rep, "trusted_share"), 0.9) << rep;
     EXPECT_EQ(jstr(rep, "verdict"), "echo removed") << rep;
     const std::vector<Frame> fr = readFrames(p("frames.csv"));
     EXPECT_GE(erleDb(fr, 10, 60), 35.0);

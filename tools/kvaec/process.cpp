@@ -1189,6 +1189,20 @@ int runProcess(const ProcessArgs &a) {
         j += "  \"trusted_share\": " +
              jsonNum(sum.active_windows > 0 ? static_cast<double>(sum.trusted_windows) / sum.active_windows : nan, "%.4f") +
              ",\n";
+        // How far the trusted windows' measurements lie from the fitted
+        // track (16 kHz samples): the fit's residual, where it was measured.
+        double resMax = 0, resSq = 0;
+        int resN = 0;
+        if (followTrack || (autoDelay && sum.status == KVAEC_TRACK_OK))
+            for (const kvaec_track_window &w : wins)
+                if (w.trusted) {
+                    const double r = (w.delay_sec - kvaec_track_delay_at(track.get(), w.time_sec)) * kRate;
+                    resMax = std::max(resMax, std::fabs(r));
+                    resSq += r * r;
+                    ++resN;
+                }
+        j += "  \"residual_offset_max_samples\": " + jsonNum(resN > 0 ? resMax : nan, "%.4f") + ",\n";
+        j += "  \"residual_offset_rms_samples\": " + jsonNum(resN > 0 ? std::sqrt(resSq / resN) : nan, "%.4f") + ",\n";
         j += "  \"segments\": [";
         for (size_t i = 0; i < segs.size(); ++i) {
             const kvaec_track_segment &s = segs[i];
