@@ -135,8 +135,9 @@ int main(int argc, char **argv) {
                          1000.0 * KVAEC_ECHO_MIN_DELAY / KVAEC_SAMPLE_RATE))
         ->check(finiteRange(0.0, 50.0))
         ->capture_default_str();
-    proc->add_option("--max-delay", pa.maxDelayMs, "ms, search range of the delay estimate")
-        ->check(finiteRange(1.0, 5000.0))
+    proc->add_option("--max-delay", pa.maxDelayMs,
+                     "ms, largest offset searched either way (the microphone may lag the far end or start after it)")
+        ->check(finiteRange(1.0, 30000.0))
         ->capture_default_str();
     proc->add_option("--channel", pa.channel, "channel (1-based) of both inputs: --far-channel and --mic-channel at once")
         ->check(kChannel);
