@@ -1194,13 +1194,18 @@ int runProcess(const ProcessArgs &a) {
         double resMax = 0, resSq = 0;
         int resN = 0;
         if (followTrack || (autoDelay && sum.status == KVAEC_TRACK_OK))
-            for (const kvaec_track_window &w : wins)
-                if (w.trusted) {
+            for (const kvaec_track_window &w : wins) {
+                // A window over a break measures a mixture of both delays.
+                bool overBreak = false;
+                for (const kvaec_track_segment &sg : segs)
+                    if (sg.is_break && std::fabs(sg.start_sec - w.time_sec) < tp.window_sec) overBreak = true;
+                if (w.trusted && !overBreak) {
                     const double r = (w.delay_sec - kvaec_track_delay_at(track.get(), w.time_sec)) * kRate;
                     resMax = std::max(resMax, std::fabs(r));
                     resSq += r * r;
                     ++resN;
                 }
+            }
         j += "  \"residual_offset_max_samples\": " + jsonNum(resN > 0 ? resMax : nan, "%.4f") + ",\n";
         j += "  \"residual_offset_rms_samples\": " + jsonNum(resN > 0 ? std::sqrt(resSq / resN) : nan, "%.4f") + ",\n";
         j += "  \"segments\": [";
