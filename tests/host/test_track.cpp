@@ -244,6 +244,18 @@ TEST(Track, FarEndDeclaredAt48kWithDataAt44k1IsRateMismatch) {
     EXPECT_EQ(res.sum.segments, 0);
 }
 
+TEST(Track, FarEndRunning1Point2PercentFastIsRateMismatch) {
+    // Not a pair of common rates: found on the grid of ratios and refined
+    // by the residual drift the windows measure.
+    RecordingSpec s = spec(120, 35);
+    s.far_rate_ratio = 1.012;
+    const Recording r = makeRecording(s);
+    const Result res = runTrack(r);
+    EXPECT_EQ(res.sum.status, KVAEC_TRACK_RATE_MISMATCH);
+    EXPECT_NEAR(res.sum.rate_ratio, 1.012, 1e-3);
+    std::printf("rate ratio %.6f\n", res.sum.rate_ratio);
+}
+
 TEST(Track, MicrophoneStarting3sLateIsMinus3sToOneSample) {
     RecordingSpec s = spec(120, 26);
     s.bulk_delay_sec = -3.0;
