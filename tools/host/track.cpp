@@ -55,6 +55,14 @@ size_t pow2AtLeast(int64_t n) {
 // Copies samples [start, start + len) of a view (silence outside).
 void copySpan(const SampleView &v, int64_t start, int64_t len, std::vector<double> &dst) {
     dst.resize(static_cast<size_t>(std::max<int64_t>(0, len)));
+    if (v.stream) {
+        // The kept range straight from the buffer, silence around it.
+        const int64_t lo = std::max(start, v.stream->base()), hi = std::min(start + len, v.stream->total());
+        std::fill(dst.begin(), dst.end(), 0.0);
+        const float *src = v.stream->data();
+        for (int64_t i = lo; i < hi; ++i) dst[static_cast<size_t>(i - start)] = src[i - v.stream->base()];
+        return;
+    }
     for (int64_t i = 0; i < len; ++i) dst[static_cast<size_t>(i)] = v.at(start + i);
 }
 
@@ -245,7 +253,7 @@ void FftPlan::run(std::complex<double> *x, bool inverse) const {
 
 // ---- stream with the bad-sample rule ----
 
-TrackStream::TrackStream(int rate) : rate_(rate), frame_(std::max(1, rate / 100)), hist_(kHistBins, 0) {}
+TrackStream::TrackStream(int rate) : frame_(std::max(1, rate / 100)), hist_(kHistBins, 0) {}
 
 double TrackStream::percentile90() {
     if (histN_ == 0) return -300;
