@@ -237,7 +237,7 @@ gpointer worker_main(gpointer data) {
 #else
     std::vector<float> acc_far, acc_mic;
     double acc_time = 0;  // seconds of microphone pushed before the accumulated stretch
-    const size_t stretch = static_cast<size_t>(3 * kRate);
+    const size_t stretch = static_cast<size_t>(2 * kRate);
 #endif
     for (;;) {
         bool reset = false;
@@ -251,6 +251,7 @@ gpointer worker_main(gpointer data) {
         st->wmic.clear();
         reset = st->wreset;
         st->wreset = false;
+        g_cond_broadcast(&st->wcond);  // room again for a waiting stream
         g_mutex_unlock(&st->wlock);
         if (stop) break;
         if (reset) {
@@ -304,7 +305,7 @@ gpointer worker_main(gpointer data) {
         if (acc_far.size() >= stretch) {
             kvaec_delay_result r{};
             if (kvaec_host_estimate_delay(acc_far.data(), static_cast<int64_t>(acc_far.size()), acc_mic.data(),
-                                          static_cast<int64_t>(acc_mic.size()), kRate, kRate / 2, 2.0, &r) == 0 &&
+                                          static_cast<int64_t>(acc_mic.size()), kRate, kRate / 2, 1.5, &r) == 0 &&
                 r.found && r.peak_to_mean >= 8.0)
                 offer(acc_time + r.start_sec, 1000.0 * r.delay / kRate);
             acc_time += static_cast<double>(acc_far.size()) / kRate;
@@ -521,15 +522,18 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     const int d16 = static_cast<int>(std::lround(d16f));
     const double target = c + kvaec_align_shift(d16, kAlignMarginSamples);
     guint64 resync = 0, slipped = 0;
-    if (!st->rpos_valid || d16 != st->last_d16) {
-        st->rpos = std::llround(target);  // start, or a new echo delay: placed anew
+    if (!st->rpos_valid) {
+        st->rpos = std::llround(target);
         st->rpos_valid = true;
         st->last_d16 = d16;
     } else {
+        // A small change of the echo delay (the estimate following a drift)
+        // is slipped toward like clock drift; a large one is a new placement,
+        // counted as a resync only when no delay change explains it.
         const double dd = target - static_cast<double>(st->rpos);
         if (std::fabs(dd) > kResyncSamples) {
             st->rpos = std::llround(target);
-            resync = 1;
+            if (d16 == st->last_d16) resync = 1;
         } else if (dd > 1.0) {
             st->rpos += 1;
             slipped = 1;
@@ -537,6 +541,7 @@ void process_frame(GstKvaecDsp *self, bool draining) {
             st->rpos -= 1;
             slipped = 1;
         }
+        st->last_d16 = d16;
     }
 
     float rin[kFrame], sin[kFrame], far_est[kFrame];
@@ -550,6 +555,13 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     if (s.auto_delay && st->probe != nullptr) {
         fetch(self, est_pos, far_est, kFrame, Wait::No, std::min(est_pos, st->rpos) - kRate);
         g_mutex_lock(&st->wlock);
+        // Non-live (files run faster than real time): wait for the worker
+        // rather than let the estimate fall seconds behind the stream.
+        if (!st->live && !draining) {
+            const gint64 deadline = g_get_monotonic_time() + G_TIME_SPAN_SECOND;
+            while (st->wfar.size() >= static_cast<size_t>(kRate) && !st->wstop && !st->flushing.load())
+                if (!g_cond_wait_until(&st->wcond, &st->wlock, deadline)) break;
+        }
         if (st->wfar.size() < static_cast<size_t>(10 * kRate)) {
             st->wfar.insert(st->wfar.end(), far_est, far_est + kFrame);
             st->wmic.insert(st->wmic.end(), st->frame.begin(), st->frame.begin() + kFrame);
