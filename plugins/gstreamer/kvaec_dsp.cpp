@@ -132,6 +132,9 @@ struct DspState {
     // Probe.
     GstKvaecEchoProbe *probe = nullptr;
     bool probe_lost_warned = false;
+    bool starved = false;
+    int64_t starved_end = 0;
+    uint64_t starved_gen = 0;
     bool clock_checked = false;
     std::atomic<bool> flushing{false};
 
@@ -402,11 +405,19 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
     case Wait::Playing: timeout = 2 * G_TIME_SPAN_SECOND; break;
     case Wait::Live: timeout = 30 * G_TIME_SPAN_MILLISECOND; break;
     }
-    if (timeout > 0) {
+    // After a wait that timed out, wait again only once the probe has moved
+    // on: a stalled far end costs one timeout, not one per frame.
+    if (st->starved && (r->end != st->starved_end || r->generation != st->starved_gen)) st->starved = false;
+    if (timeout > 0 && !st->starved) {
         const gint64 deadline = g_get_monotonic_time() + timeout;
         while ((!r->anchored || pos + n > r->end) && !r->eos && !r->flushing && !r->gone &&
                !st->flushing.load()) {
-            if (!g_cond_wait_until(cond, lock, deadline)) break;
+            if (!g_cond_wait_until(cond, lock, deadline)) {
+                st->starved = true;
+                st->starved_end = r->end;
+                st->starved_gen = r->generation;
+                break;
+            }
         }
     }
     int missing = 0;
