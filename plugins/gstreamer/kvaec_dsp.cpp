@@ -133,6 +133,7 @@ struct DspState {
     GstKvaecEchoProbe *probe = nullptr;
     bool probe_lost_warned = false;
     bool starved = false;
+    bool gap_sent = false;  // a preroll gap was pushed in this state
     int64_t starved_end = 0;
     uint64_t starved_gen = 0;
     bool clock_checked = false;
@@ -401,7 +402,7 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
     gint64 timeout = 0;
     switch (wait) {
     case Wait::No: timeout = 0; break;
-    case Wait::Preroll: timeout = 50 * G_TIME_SPAN_MILLISECOND; break;
+    case Wait::Preroll: timeout = 1; break;  // until PLAYING (below)
     case Wait::Playing: timeout = 2 * G_TIME_SPAN_SECOND; break;
     case Wait::Live: timeout = 30 * G_TIME_SPAN_MILLISECOND; break;
     }
@@ -409,9 +410,29 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
     // on: a stalled far end costs one timeout, not one per frame.
     if (st->starved && (r->end != st->starved_end || r->generation != st->starved_gen)) st->starved = false;
     if (timeout > 0 && !st->starved) {
-        const gint64 deadline = g_get_monotonic_time() + timeout;
+        gint64 deadline = g_get_monotonic_time() + timeout;
         while ((!r->anchored || pos + n > r->end) && !r->eos && !r->flushing && !r->gone &&
                !st->flushing.load()) {
+            if (wait == Wait::Preroll) {
+                // Prerolling on a non-live pipeline: the probe's branch may be
+                // held by its own sink's preroll, so the reference comes only
+                // in PLAYING. A zero-length gap lets the sinks here preroll
+                // too (no sample is lost or invented); then wait for PLAYING.
+                if (!st->gap_sent) {
+                    st->gap_sent = true;
+                    g_mutex_unlock(lock);
+                    gst_pad_push_event(GST_BASE_TRANSFORM_SRC_PAD(self), gst_event_new_gap(st->ts_base + gst_util_uint64_scale(static_cast<guint64>(st->out_total), GST_SECOND, static_cast<guint64>(st->rate)), 0));
+                    g_mutex_lock(lock);
+                    continue;
+                }
+                if (GST_STATE(self) == GST_STATE_PLAYING) {
+                    wait = Wait::Playing;
+                    deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
+                    continue;
+                }
+                g_cond_wait_until(cond, lock, g_get_monotonic_time() + 20 * G_TIME_SPAN_MILLISECOND);
+                continue;
+            }
             if (!g_cond_wait_until(cond, lock, deadline)) {
                 st->starved = true;
                 st->starved_end = r->end;
@@ -925,6 +946,8 @@ gboolean dsp_start(GstBaseTransform *bt) {
     st->probe_lost_warned = false;
     st->clock_checked = false;
     st->flushing.store(false);
+    st->gap_sent = false;
+    st->starved = false;
     st->live_known = false;
     st->cfg = s.cfg;
     st->cfg_serial = s.cfg_serial;
@@ -960,6 +983,7 @@ GstStateChangeReturn dsp_change_state(GstElement *element, GstStateChange transi
             return GST_STATE_CHANGE_FAILURE;
         }
     }
+    if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) self->st->gap_sent = false;
     if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
         // Wake a frame waiting for the reference.
         self->st->flushing.store(true);
