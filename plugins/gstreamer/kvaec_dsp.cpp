@@ -120,7 +120,7 @@ struct DspState {
     bool live = false, live_known = false;
     bool channel_warned = false;
     GstClockTime last_msg_rt = GST_CLOCK_TIME_NONE;
-    GstClockTime latency = 0;
+    std::atomic<guint64> latency{0};
 
     // Canceller.
     unsigned mode = 0;
@@ -129,11 +129,13 @@ struct DspState {
     int64_t frames = 0;
     guint64 selftest_warned = 0;
 
-    // Probe.
+    // Probe: changed by the streaming thread (and start/stop) under plock,
+    // read by other threads only under plock.
+    GMutex plock;
     GstKvaecEchoProbe *probe = nullptr;
     bool probe_lost_warned = false;
     bool starved = false;
-    bool gap_sent = false;  // a preroll gap was pushed in this state
+    std::atomic<bool> gap_sent{false};  // a preroll gap was pushed in this state
     int64_t starved_end = 0;
     uint64_t starved_gen = 0;
     bool clock_checked = false;
@@ -349,22 +351,40 @@ void worker_stop(DspState *st) {
 // ---- probe access ----
 
 void probe_release(DspState *st) {
+    g_mutex_lock(&st->plock);
     GstKvaecEchoProbe *p = st->probe;
+    st->probe = nullptr;
+    g_mutex_unlock(&st->plock);
     if (p == nullptr) return;
     g_mutex_lock(kvaec_probe_lock(p));
     kvaec_probe_ring(p)->reader = false;
     g_cond_broadcast(kvaec_probe_cond(p));
     g_mutex_unlock(kvaec_probe_lock(p));
-    st->probe = nullptr;
     gst_object_unref(p);
 }
 
+void probe_set(DspState *st, GstKvaecEchoProbe *p) {
+    g_mutex_lock(&st->plock);
+    st->probe = p;
+    g_mutex_unlock(&st->plock);
+}
+
+bool is_playing(GstKvaecDsp *self) {
+    GST_OBJECT_LOCK(self);
+    const bool playing = GST_STATE(self) == GST_STATE_PLAYING;
+    GST_OBJECT_UNLOCK(self);
+    return playing;
+}
+
 void wake_probe(DspState *st) {
-    GstKvaecEchoProbe *p = st->probe;
+    g_mutex_lock(&st->plock);
+    GstKvaecEchoProbe *p = st->probe != nullptr ? GST_KVAEC_ECHO_PROBE(gst_object_ref(st->probe)) : nullptr;
+    g_mutex_unlock(&st->plock);
     if (p == nullptr) return;
     g_mutex_lock(kvaec_probe_lock(p));
     g_cond_broadcast(kvaec_probe_cond(p));
     g_mutex_unlock(kvaec_probe_lock(p));
+    gst_object_unref(p);
 }
 
 enum class Wait { No, Preroll, Playing, Live };
@@ -418,14 +438,13 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
                 // held by its own sink's preroll, so the reference comes only
                 // in PLAYING. A zero-length gap lets the sinks here preroll
                 // too (no sample is lost or invented); then wait for PLAYING.
-                if (!st->gap_sent) {
-                    st->gap_sent = true;
+                if (!st->gap_sent.exchange(true)) {
                     g_mutex_unlock(lock);
                     gst_pad_push_event(GST_BASE_TRANSFORM_SRC_PAD(self), gst_event_new_gap(st->ts_base + gst_util_uint64_scale(static_cast<guint64>(st->out_total), GST_SECOND, static_cast<guint64>(st->rate)), 0));
                     g_mutex_lock(lock);
                     continue;
                 }
-                if (GST_STATE(self) == GST_STATE_PLAYING) {
+                if (is_playing(self)) {
                     wait = Wait::Playing;
                     deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
                     continue;
@@ -488,7 +507,7 @@ void post_stats(GstKvaecDsp *self, GstClockTime rt) {
 
 void check_clocks(GstKvaecDsp *self) {
     DspState *st = self->st;
-    if (st->clock_checked || st->probe == nullptr || GST_STATE(self) != GST_STATE_PLAYING) return;
+    if (st->clock_checked || st->probe == nullptr || !is_playing(self)) return;
     st->clock_checked = true;
     GstElement *pe = GST_ELEMENT(st->probe);
     GstClock *mine = gst_element_get_clock(GST_ELEMENT(self));
@@ -537,7 +556,7 @@ void process_frame(GstKvaecDsp *self, bool draining) {
 
     // Probe: found again after it went away.
     if (st->probe == nullptr && (st->frames % 100) == 0) {
-        st->probe = kvaec_probe_find(s.probe.c_str());
+        probe_set(st, kvaec_probe_find(s.probe.c_str()));
         if (st->probe != nullptr) {
             st->probe_lost_warned = false;
             st->clock_checked = false;
@@ -580,7 +599,7 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     Wait wait = Wait::No;
     if (!draining) {
         if (st->live) wait = Wait::Live;
-        else wait = GST_STATE(self) == GST_STATE_PLAYING ? Wait::Playing : Wait::Preroll;
+        else wait = is_playing(self) ? Wait::Playing : Wait::Preroll;
     }
     const int64_t est_pos = std::llround(c - s.echo_delay_ms * (kRate / 1000.0));
     const int missing = fetch(self, st->rpos, rin, kFrame, wait, std::min(est_pos, st->rpos) - kRate);
@@ -763,7 +782,7 @@ gboolean dsp_setup(GstAudioFilter *filter, const GstAudioInfo *info) {
     st->upbuf.assign(static_cast<size_t>(kFrame * st->rate / kRate + 64), 0.0f);
     stream_reset(st);
     const GstClockTime lat = dsp_latency(st);
-    st->latency = lat;
+    st->latency.store(lat);
     GST_INFO_OBJECT(self,
                     "microphone %d Hz, %d channel(s), %s; latency %" GST_TIME_FORMAT
                     " = framing 10 ms + processing %" G_GINT64_FORMAT " samples (converters %d + %d at 16 kHz, "
@@ -917,7 +936,7 @@ gboolean dsp_query(GstBaseTransform *bt, GstPadDirection dir, GstQuery *query) {
         gboolean live;
         GstClockTime min, max;
         gst_query_parse_latency(query, &live, &min, &max);
-        const GstClockTime mine = self->st->latency;
+        const GstClockTime mine = self->st->latency.load();
         min += mine;
         if (GST_CLOCK_TIME_IS_VALID(max)) max += mine;
         gst_query_set_latency(query, live, min, max);
@@ -934,7 +953,8 @@ gboolean dsp_start(GstBaseTransform *bt) {
     const Settings s = st->set;
     st->stats = Stats();
     GST_OBJECT_UNLOCK(self);
-    st->probe = kvaec_probe_find(s.probe.c_str());
+    probe_release(st);
+    probe_set(st, kvaec_probe_find(s.probe.c_str()));
     if (st->probe == nullptr) {
         GST_ELEMENT_ERROR(self, RESOURCE, NOT_FOUND,
                           ("no echo probe named \"%s\": add a kvaecechoprobe with that name to the playback branch, "
@@ -946,7 +966,7 @@ gboolean dsp_start(GstBaseTransform *bt) {
     st->probe_lost_warned = false;
     st->clock_checked = false;
     st->flushing.store(false);
-    st->gap_sent = false;
+    st->gap_sent.store(false);
     st->starved = false;
     st->live_known = false;
     st->cfg = s.cfg;
@@ -983,7 +1003,7 @@ GstStateChangeReturn dsp_change_state(GstElement *element, GstStateChange transi
             return GST_STATE_CHANGE_FAILURE;
         }
     }
-    if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) self->st->gap_sent = false;
+    if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) self->st->gap_sent.store(false);
     if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
         // Wake a frame waiting for the reference.
         self->st->flushing.store(true);
@@ -1140,6 +1160,7 @@ void dsp_finalize(GObject *object) {
     if (st->down) speex_resampler_destroy(st->down);
     if (st->up) speex_resampler_destroy(st->up);
     g_mutex_clear(&st->wlock);
+    g_mutex_clear(&st->plock);
     g_cond_clear(&st->wcond);
     delete st;
     GstKvaecDsp *me = self;
@@ -1261,6 +1282,7 @@ static void gst_kvaec_dsp_class_init(GstKvaecDspClass *klass) {
 static void gst_kvaec_dsp_init(GstKvaecDsp *self) {
     self->st = new DspState();
     g_mutex_init(&self->st->wlock);
+    g_mutex_init(&self->st->plock);
     g_cond_init(&self->st->wcond);
     gst_base_transform_set_in_place(GST_BASE_TRANSFORM(self), FALSE);
     gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(self), FALSE);
