@@ -431,28 +431,38 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
     if (st->starved && (r->end != st->starved_end || r->generation != st->starved_gen)) st->starved = false;
     if (timeout > 0 && !st->starved) {
         gint64 deadline = g_get_monotonic_time() + timeout;
+        bool playing = wait != Wait::Preroll;
         while ((!r->anchored || pos + n > r->end) && !r->eos && !r->flushing && !r->gone &&
                !st->flushing.load()) {
-            if (wait == Wait::Preroll) {
-                // Prerolling on a non-live pipeline: the probe's branch may be
-                // held by its own sink's preroll, so the reference comes only
-                // in PLAYING. A zero-length gap lets the sinks here preroll
-                // too (no sample is lost or invented); then wait for PLAYING.
+            if (wait != Wait::Live) {
+                // Non-live: the probe's branch may be held by its own sink's
+                // preroll (at the start, after a flushing seek, after a pause),
+                // so the reference may come only in PLAYING. A zero-length gap
+                // (once per flush) lets the sinks here preroll too: no sample
+                // is lost or invented. Then wait without limit until PLAYING,
+                // and from then on at most two seconds.
                 if (!st->gap_sent.exchange(true)) {
+                    const GstClockTime ts = st->ts_base + gst_util_uint64_scale(static_cast<guint64>(st->out_total),
+                                                                                GST_SECOND,
+                                                                                static_cast<guint64>(st->rate));
                     g_mutex_unlock(lock);
-                    gst_pad_push_event(GST_BASE_TRANSFORM_SRC_PAD(self), gst_event_new_gap(st->ts_base + gst_util_uint64_scale(static_cast<guint64>(st->out_total), GST_SECOND, static_cast<guint64>(st->rate)), 0));
+                    gst_pad_push_event(GST_BASE_TRANSFORM_SRC_PAD(self), gst_event_new_gap(ts, 0));
                     g_mutex_lock(lock);
                     continue;
                 }
-                if (is_playing(self)) {
-                    wait = Wait::Playing;
-                    deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
+                if (!is_playing(self)) {
+                    playing = false;
+                    g_cond_wait_until(cond, lock, g_get_monotonic_time() + 20 * G_TIME_SPAN_MILLISECOND);
                     continue;
                 }
-                g_cond_wait_until(cond, lock, g_get_monotonic_time() + 20 * G_TIME_SPAN_MILLISECOND);
-                continue;
+                if (!playing) {
+                    playing = true;
+                    deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
+                }
             }
             if (!g_cond_wait_until(cond, lock, deadline)) {
+                GST_DEBUG_OBJECT(self, "reference at %" G_GINT64_FORMAT " not there in time (ring ends at %"
+                                 G_GINT64_FORMAT "): underrun", pos + n, r->end);
                 st->starved = true;
                 st->starved_end = r->end;
                 st->starved_gen = r->generation;
@@ -921,6 +931,8 @@ gboolean dsp_sink_event(GstBaseTransform *bt, GstEvent *event) {
         break;
     case GST_EVENT_FLUSH_STOP:
         st->flushing.store(false);
+        st->gap_sent.store(false);
+        st->starved = false;
         stream_reset(st);
         break;
     default:
