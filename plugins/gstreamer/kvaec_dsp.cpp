@@ -54,6 +54,11 @@ constexpr int kAlignMarginSamples = 2 * kRate / 1000;
 // The read position jumps (a counted resync) when it is this far from the
 // timestamps' position; below, it slips one sample per frame.
 constexpr double kResyncSamples = 20.0 * kRate / 1000;
+// Below, it follows the timestamps by at most this many samples per frame
+// (0.25 per 10 ms: 1560 ppm, beyond the drift of real devices).
+constexpr double kSlipRate = 0.25;
+// Half length of the interpolator of fractional read positions.
+constexpr int kInterpHalf = 8;
 // A microphone buffer this far from where the sample count puts it is a
 // discontinuity: flush, re-anchor.
 constexpr GstClockTime kMicJump = 20 * GST_MSECOND;
@@ -114,7 +119,8 @@ struct DspState {
     bool anchored = false, discont_out = true;
     GstClockTime ts_base = 0, anchor_rt = 0;
     double anchor16 = 0, lat16_down = 0, err16 = 0;
-    int64_t rpos = 0;
+    double rpos = 0;        // read position of the reference (16 kHz ring units, may be fractional)
+    double rnominal = 0;    // where it would be without slipping: placement + one frame per frame
     bool rpos_valid = false;
     int last_d16 = 0;
     bool live = false, live_known = false;
@@ -204,8 +210,8 @@ int64_t processing_delay(const DspState *s) {
 }
 
 // Lead reserved for the reference, 16 kHz samples: the alignment shift with
-// no known echo delay plus one frame.
-int reserved_lead() { return std::max<int32_t>(kvaec_align_shift(0, kAlignMarginSamples), 0) + kFrame; }
+// no known echo delay, one frame, and the interpolator's look-ahead.
+int reserved_lead() { return std::max<int32_t>(kvaec_align_shift(0, kAlignMarginSamples), 0) + kFrame + kInterpHalf + 1; }
 
 GstClockTime dsp_latency(const DspState *s) {
     const GstClockTime framing = gst_util_uint64_scale(kFrame, GST_SECOND, kRate);
@@ -485,6 +491,30 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
     return missing;
 }
 
+// ---- fractional reference ----
+
+// out[k] = x at (kInterpHalf - 1 + k + frac), from `wide` (kFrame + 2 *
+// kInterpHalf samples): Blackman-windowed sinc of 2 * kInterpHalf taps,
+// normalised to unit gain at DC.
+void interpolate(const float *wide, double frac, float *out) {
+    float h[2 * kInterpHalf];
+    double sum = 0;
+    for (int j = 0; j < 2 * kInterpHalf; ++j) {
+        const double t = static_cast<double>(j - (kInterpHalf - 1)) - frac;  // tap offset from the read point
+        const double sinc = std::fabs(t) < 1e-9 ? 1.0 : std::sin(M_PI * t) / (M_PI * t);
+        const double u = (t + kInterpHalf) / (2.0 * kInterpHalf);             // 0..1 across the window
+        const double w = 0.42 - 0.5 * std::cos(2 * M_PI * u) + 0.08 * std::cos(4 * M_PI * u);
+        h[j] = static_cast<float>(sinc * w);
+        sum += sinc * w;
+    }
+    for (float &v : h) v = static_cast<float>(v / sum);
+    for (int k = 0; k < kFrame; ++k) {
+        float acc = 0.0f;
+        for (int j = 0; j < 2 * kInterpHalf; ++j) acc += h[j] * wide[k + j];
+        out[k] = acc;
+    }
+}
+
 // ---- stream ----
 
 void stream_reset(DspState *st) {
@@ -584,23 +614,27 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     const double target = c + kvaec_align_shift(d16, kAlignMarginSamples);
     guint64 resync = 0, slipped = 0;
     if (!st->rpos_valid) {
-        st->rpos = std::llround(target);
+        st->rpos = st->rnominal = static_cast<double>(std::llround(target));
         st->rpos_valid = true;
         st->last_d16 = d16;
     } else {
-        // A small change of the echo delay (the estimate following a drift)
-        // is slipped toward like clock drift; a large one is a new placement,
-        // counted as a resync only when no delay change explains it.
-        const double dd = target - static_cast<double>(st->rpos);
+        // Drift between the clocks (and a small change of the echo delay,
+        // e.g. the estimate following a drift) moves the read position
+        // continuously, at most kSlipRate samples per frame, once it is more
+        // than half a sample away: with a steady clock the position stays on
+        // whole samples. Every whole sample it has moved from the nominal
+        // position counts as a slipped sample. A jump beyond kResyncSamples
+        // is a new placement, counted as a resync unless an echo-delay change
+        // explains it.
+        const double dd = target - st->rpos;
         if (std::fabs(dd) > kResyncSamples) {
-            st->rpos = std::llround(target);
+            st->rpos = st->rnominal = static_cast<double>(std::llround(target));
             if (d16 == st->last_d16) resync = 1;
-        } else if (dd > 1.0) {
-            st->rpos += 1;
-            slipped = 1;
-        } else if (dd < -1.0) {
-            st->rpos -= 1;
-            slipped = 1;
+        } else if (std::fabs(dd) > 0.5) {
+            const double before = std::round(st->rpos - st->rnominal);
+            const double step = std::clamp(dd - std::copysign(0.5, dd), -kSlipRate, kSlipRate);
+            st->rpos += step;
+            slipped = static_cast<guint64>(std::fabs(std::round(st->rpos - st->rnominal) - before));
         }
         st->last_d16 = d16;
     }
@@ -612,9 +646,21 @@ void process_frame(GstKvaecDsp *self, bool draining) {
         else wait = is_playing(self) ? Wait::Playing : Wait::Preroll;
     }
     const int64_t est_pos = std::llround(c - s.echo_delay_ms * (kRate / 1000.0));
-    const int missing = fetch(self, st->rpos, rin, kFrame, wait, std::min(est_pos, st->rpos) - kRate);
+    // The reference at a fractional position goes through a windowed-sinc
+    // interpolator (exact copy on whole samples).
+    const int64_t ipos = static_cast<int64_t>(std::floor(st->rpos));
+    const double frac = st->rpos - static_cast<double>(ipos);
+    const int64_t keep = std::min<int64_t>(est_pos, ipos) - kRate;
+    int missing;
+    if (frac < 1e-6) {
+        missing = fetch(self, ipos, rin, kFrame, wait, keep);
+    } else {
+        float wide[kFrame + 2 * kInterpHalf];
+        missing = fetch(self, ipos - (kInterpHalf - 1), wide, kFrame + 2 * kInterpHalf, wait, keep);
+        interpolate(wide, frac, rin);
+    }
     if (s.auto_delay && st->probe != nullptr) {
-        fetch(self, est_pos, far_est, kFrame, Wait::No, std::min(est_pos, st->rpos) - kRate);
+        fetch(self, est_pos, far_est, kFrame, Wait::No, keep);
         g_mutex_lock(&st->wlock);
         // Non-live (files run faster than real time): wait for the worker
         // rather than let the estimate fall seconds behind the stream.
@@ -659,6 +705,7 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     ++st->frames;
     st->s16 += kFrame;
     st->rpos += kFrame;
+    st->rnominal += kFrame;
 
     GST_OBJECT_LOCK(self);
     Stats &t = st->stats;
@@ -671,7 +718,7 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     t.resyncs += resync;
     t.slipped += slipped;
     t.selftest_resets += resets;
-    t.lead = st->rpos - kFrame - std::llround(c);
+    t.lead = std::llround(st->rpos - kFrame - c);
     ++t.frames;
     GST_OBJECT_UNLOCK(self);
 
