@@ -842,8 +842,8 @@ gboolean dsp_setup(GstAudioFilter *filter, const GstAudioInfo *info) {
     st->latency.store(lat);
     GST_INFO_OBJECT(self,
                     "microphone %d Hz, %d channel(s), %s; latency %" GST_TIME_FORMAT
-                    " = framing 10 ms + processing %" G_GINT64_FORMAT " samples (converters %d + %d at 16 kHz, "
-                    "library send path %d at 16 kHz) + reference lead %d samples at 16 kHz",
+                    " = framing 10 ms + processing %" G_GINT64_FORMAT " samples (down converter %d at the input rate, "
+                    "up converter %d and library send path %d at 16 kHz) + reference lead %d samples at 16 kHz",
                     st->rate, st->channels, gst_audio_format_to_string(st->format), GST_TIME_ARGS(lat),
                     processing_delay(st), speex_resampler_get_input_latency(st->down),
                     speex_resampler_get_input_latency(st->up), KVAEC_SND_DELAY_SAMPLES, reserved_lead());
