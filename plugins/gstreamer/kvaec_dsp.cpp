@@ -59,6 +59,7 @@ constexpr double kResyncSamples = 20.0 * kRate / 1000;
 constexpr double kSlipRate = 0.25;
 // Half length of the interpolator of fractional read positions.
 constexpr int kInterpHalf = 8;
+constexpr double kPi = 3.14159265358979323846;
 // A microphone buffer this far from where the sample count puts it is a
 // discontinuity: flush, re-anchor.
 constexpr GstClockTime kMicJump = 20 * GST_MSECOND;
@@ -501,9 +502,9 @@ void interpolate(const float *wide, double frac, float *out) {
     double sum = 0;
     for (int j = 0; j < 2 * kInterpHalf; ++j) {
         const double t = static_cast<double>(j - (kInterpHalf - 1)) - frac;  // tap offset from the read point
-        const double sinc = std::fabs(t) < 1e-9 ? 1.0 : std::sin(M_PI * t) / (M_PI * t);
+        const double sinc = std::fabs(t) < 1e-9 ? 1.0 : std::sin(kPi * t) / (kPi * t);
         const double u = (t + kInterpHalf) / (2.0 * kInterpHalf);             // 0..1 across the window
-        const double w = 0.42 - 0.5 * std::cos(2 * M_PI * u) + 0.08 * std::cos(4 * M_PI * u);
+        const double w = 0.42 - 0.5 * std::cos(2 * kPi * u) + 0.08 * std::cos(4 * kPi * u);
         h[j] = static_cast<float>(sinc * w);
         sum += sinc * w;
     }
