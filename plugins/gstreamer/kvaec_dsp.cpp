@@ -247,6 +247,7 @@ gpointer worker_main(gpointer data) {
     params.hop_sec = 1.0;
     params.max_offset_sec = 1.0;
     kvaec_track *track = kvaec_track_create(kRate, &params);
+    double pushed = 0;  // seconds pushed into the current track
 #else
     std::vector<float> acc_far, acc_mic;
     double acc_time = 0;  // seconds of microphone pushed before the accumulated stretch
@@ -274,6 +275,7 @@ gpointer worker_main(gpointer data) {
 #ifdef KVAEC_GST_HAVE_TRACK
             kvaec_track_destroy(track);
             track = kvaec_track_create(kRate, &params);
+            pushed = 0;
 #else
             acc_far.clear();
             acc_mic.clear();
@@ -306,9 +308,19 @@ gpointer worker_main(gpointer data) {
             }
         };
 #ifdef KVAEC_GST_HAVE_TRACK
+        // The track keeps one entry per window: a fresh one every ten
+        // minutes bounds its memory (the followed estimate stays).
+        if (track != nullptr && pushed >= 600.0) {
+            kvaec_track_destroy(track);
+            track = kvaec_track_create(kRate, &params);
+            pushed = 0;
+            last_time = -1;
+            cand_count = 0;
+        }
         if (track != nullptr) {
             kvaec_track_push(track, far.data(), static_cast<int64_t>(far.size()), mic.data(),
                              static_cast<int64_t>(mic.size()));
+            pushed += static_cast<double>(mic.size()) / kRate;
             kvaec_track_window w;
             if (kvaec_track_latest(track, &w) == 1 && w.trusted) offer(w.time_sec, 1000.0 * w.delay_sec);
         }
