@@ -240,7 +240,6 @@ gpointer worker_main(gpointer data) {
     double cand = 0;
     int cand_count = 0;
     double last_time = -1;
-#ifdef KVAEC_GST_HAVE_TRACK
     kvaec_track_params params;
     kvaec_track_default_params(&params);
     params.window_sec = 2.0;
@@ -248,11 +247,6 @@ gpointer worker_main(gpointer data) {
     params.max_offset_sec = 1.0;
     kvaec_track *track = kvaec_track_create(kRate, &params);
     double pushed = 0;  // seconds pushed into the current track
-#else
-    std::vector<float> acc_far, acc_mic;
-    double acc_time = 0;  // seconds of microphone pushed before the accumulated stretch
-    const size_t stretch = static_cast<size_t>(2 * kRate);
-#endif
     for (;;) {
         bool reset = false;
         g_mutex_lock(&st->wlock);
@@ -272,15 +266,9 @@ gpointer worker_main(gpointer data) {
             cand_count = 0;
             last_time = -1;
             st->estimate_ms.store(NAN);
-#ifdef KVAEC_GST_HAVE_TRACK
             kvaec_track_destroy(track);
             track = kvaec_track_create(kRate, &params);
             pushed = 0;
-#else
-            acc_far.clear();
-            acc_mic.clear();
-            acc_time = 0;
-#endif
         }
         if (far.empty()) continue;
         // One trusted window at a time, followed with hysteresis: a new value
@@ -307,7 +295,6 @@ gpointer worker_main(gpointer data) {
                 GST_INFO_OBJECT(self, "echo delay estimate %.2f ms beyond echo-delay", v);
             }
         };
-#ifdef KVAEC_GST_HAVE_TRACK
         // The track keeps one entry per window: a fresh one every ten
         // minutes bounds its memory (the followed estimate stays).
         if (track != nullptr && pushed >= 600.0) {
@@ -324,26 +311,10 @@ gpointer worker_main(gpointer data) {
             kvaec_track_window w;
             if (kvaec_track_latest(track, &w) == 1 && w.trusted) offer(w.time_sec, 1000.0 * w.delay_sec);
         }
-#else
-        acc_far.insert(acc_far.end(), far.begin(), far.end());
-        acc_mic.insert(acc_mic.end(), mic.begin(), mic.end());
-        if (acc_far.size() >= stretch) {
-            kvaec_delay_result r{};
-            if (kvaec_host_estimate_delay(acc_far.data(), static_cast<int64_t>(acc_far.size()), acc_mic.data(),
-                                          static_cast<int64_t>(acc_mic.size()), kRate, kRate / 2, 1.5, &r) == 0 &&
-                r.found && r.peak_to_mean >= 8.0)
-                offer(acc_time + r.start_sec, 1000.0 * r.delay / kRate);
-            acc_time += static_cast<double>(acc_far.size()) / kRate;
-            acc_far.clear();
-            acc_mic.clear();
-        }
-#endif
         far.clear();
         mic.clear();
     }
-#ifdef KVAEC_GST_HAVE_TRACK
     kvaec_track_destroy(track);
-#endif
     return nullptr;
 }
 
