@@ -22,10 +22,17 @@
 // the reference is read ahead of the microphone.
 //
 // Read position of the reference: advances by one frame per frame; when the
-// capture timestamps and the sample count drift apart (two clocks) it slips
-// single samples toward the timestamps' position (counted); a jump of more
-// than 20 ms (a real discontinuity) re-synchronises it (counted). It is
-// never re-derived from scratch per frame.
+// capture timestamps and the sample count drift apart (two clocks) it moves
+// toward the timestamps' position by at most a quarter sample per frame,
+// reading between samples through an interpolator (every whole sample moved
+// is counted as a slipped sample), so the echo path the canceller sees stays
+// still; a jump of more than 20 ms (a real discontinuity) re-synchronises it
+// (counted). It is never re-derived from scratch per frame.
+//
+// Echo delay: `echo-delay` (ms) plus, with `auto-echo-delay`, the estimate of
+// a worker thread that runs libkvaec_host's delay track on copies of the
+// reference (read at the microphone's position minus echo-delay) and the
+// microphone at 16 kHz, and follows it with hysteresis.
 #include "kvaec_probe.h"
 
 #include <speex/speex_resampler.h>
