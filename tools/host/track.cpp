@@ -55,6 +55,14 @@ size_t pow2AtLeast(int64_t n) {
 // Copies samples [start, start + len) of a view (silence outside).
 void copySpan(const SampleView &v, int64_t start, int64_t len, std::vector<double> &dst) {
     dst.resize(static_cast<size_t>(std::max<int64_t>(0, len)));
+    if (v.stream) {
+        // The kept range straight from the buffer, silence around it.
+        const int64_t lo = std::max(start, v.stream->base()), hi = std::min(start + len, v.stream->total());
+        std::fill(dst.begin(), dst.end(), 0.0);
+        const float *src = v.stream->data();
+        for (int64_t i = lo; i < hi; ++i) dst[static_cast<size_t>(i - start)] = src[i - v.stream->base()];
+        return;
+    }
     for (int64_t i = 0; i < len; ++i) dst[static_cast<size_t>(i)] = v.at(start + i);
 }
 
@@ -245,7 +253,7 @@ void FftPlan::run(std::complex<double> *x, bool inverse) const {
 
 // ---- stream with the bad-sample rule ----
 
-TrackStream::TrackStream(int rate) : rate_(rate), frame_(std::max(1, rate / 100)), hist_(kHistBins, 0) {}
+TrackStream::TrackStream(int rate) : frame_(std::max(1, rate / 100)), hist_(kHistBins, 0) {}
 
 double TrackStream::percentile90() {
     if (histN_ == 0) return -300;
@@ -837,11 +845,19 @@ bool DelayTrack::rateProbe() {
             for (double x : ratios) dup = dup || std::fabs(x - r) < 1e-9;
             if (!dup) ratios.push_back(r);
         }
+    // Any other mismatch from 0.5 % to 5 %, on a grid of 0.2 %: the residual
+    // (at most 0.1 %) is followed as a drift inside the windows.
+    for (int k = 0; k <= 22; ++k) {
+        ratios.push_back(1.0 + 0.005 + 0.002 * k);
+        ratios.push_back(1.0 - 0.005 - 0.002 * k);
+    }
     const int64_t span = W_;
     const int64_t p0 = probeFrom_;
     const int64_t farLen = static_cast<int64_t>(probeFar_.size());
     const int64_t micLen = static_cast<int64_t>(probeMic_.size());
     std::vector<float> warped;
+    // The track's own drift state is borrowed for the probe's windows.
+    const double keepSlope = slope_, keepWinSlope = winSlope_;
     int bestScore = 0;
     double bestRatio = 1.0;
     for (double r : ratios) {
@@ -863,30 +879,51 @@ bool DelayTrack::rateProbe() {
         std::vector<float> micAbs(static_cast<size_t>(p0 + micLen), 0.0f);
         std::copy(probeMic_.begin(), probeMic_.end(), micAbs.begin() + static_cast<long>(p0));
         SampleView fv{nullptr, &warped}, mv{nullptr, &micAbs};
-        std::vector<double> found;
+        std::vector<std::pair<double, double>> found;  // (window start, delay)
         int tried = 0;
         for (int64_t a = j0 + maxOff_; a + span + maxOff_ <= j1 && tried < 8; a += hop_) {
             double e = 0;
             for (int64_t i = a; i < a + span; ++i) e += static_cast<double>(warped[static_cast<size_t>(i)]) * warped[static_cast<size_t>(i)];
             if (e / static_cast<double>(span) < kActiveFloor) continue;
+            // A ratio that fits gives fixes from the first windows on.
+            if (tried >= 3 && found.empty()) break;
             ++tried;
             const TrackFix co = coarse(fv, mv, a, maxOff_);
             if (!co.ok || co.conf < kCoarseConf) continue;
-            const TrackFix f = narrow(fv, mv, a, co.delay, 0.0);
-            if (f.ok && f.conf >= kTrustConf) found.push_back(f.delay);
+            TrackFix f = narrow(fv, mv, a, co.delay, 0.0);
+            if (f.ok && f.conf >= kTrustConf) {
+                slope_ = 0.0;
+                f = withOwnSlope(fv, mv, a, f);
+            }
+            if (f.ok && f.conf >= kTrustConf) found.emplace_back(static_cast<double>(a), f.delay);
         }
-        // Largest group of fixes within 2 ms of each other.
+        // Largest group of fixes on one line (through two of them, with a
+        // slope the track could follow) within 2 ms; its slope s refines the
+        // ratio to r (1 - s).
         int score = 0;
-        for (double d : found) {
-            int n = 0;
-            for (double e : found) n += std::fabs(e - d) <= 0.002 * rate_ ? 1 : 0;
-            score = std::max(score, n);
-        }
+        double slope = 0;
+        const double md = p_.max_drift_ppm * 1e-6;
+        for (size_t i = 0; i < found.size(); ++i)
+            for (size_t j = i; j < found.size(); ++j) {
+                const double dx = found[j].first - found[i].first;
+                const double sl = j == i ? 0.0 : (found[j].second - found[i].second) / dx;
+                if (std::fabs(sl) > md) continue;
+                int n = 0;
+                for (const auto &e : found)
+                    n += std::fabs(e.second - (found[i].second + sl * (e.first - found[i].first))) <= 0.002 * rate_;
+                if (n > score) {
+                    score = n;
+                    slope = sl;
+                }
+            }
         if (score > bestScore) {
             bestScore = score;
-            bestRatio = r;
+            bestRatio = r * (1.0 - slope);
         }
+        if (bestScore >= 5) break;  // the common ratios come first
     }
+    slope_ = keepSlope;
+    winSlope_ = keepWinSlope;
     if (bestScore >= 3) {
         rateMismatch_ = true;
         rateRatio_ = bestRatio;

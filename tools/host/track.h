@@ -46,6 +46,7 @@ public:
     float at(int64_t i) const {
         return i >= base_ && i < total_ ? buf_[static_cast<size_t>(i - base_)] : 0.0f;
     }
+    const float *data() const { return buf_.data(); }
     // Power of the 10 ms frame holding sample i (0 outside or when left out).
     double framePower(int64_t frame) const;
     int frameLen() const { return frame_; }
@@ -61,7 +62,6 @@ public:
 private:
     void commitFrame(const float *x, int n);
     double percentile90();
-    int rate_;
     int frame_;
     std::vector<float> pend_;
     std::vector<float> buf_;
