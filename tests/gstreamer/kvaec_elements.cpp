@@ -574,6 +574,10 @@ TEST(Dsp, StatsAfterFiveSecondsOfFarSpeech) {
 class GstEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
+        // The registry of this build, scanned in this process (a sanitizer
+        // build's plugin loads only here).
+        setenv("GST_REGISTRY", KVAEC_GST_TEST_REGISTRY, 0);
+        setenv("GST_REGISTRY_FORK", "no", 0);
         gst_init(nullptr, nullptr);
         std::string err;
         if (!loadPlugin(&err)) {
