@@ -22,10 +22,17 @@
 // the reference is read ahead of the microphone.
 //
 // Read position of the reference: advances by one frame per frame; when the
-// capture timestamps and the sample count drift apart (two clocks) it slips
-// single samples toward the timestamps' position (counted); a jump of more
-// than 20 ms (a real discontinuity) re-synchronises it (counted). It is
-// never re-derived from scratch per frame.
+// capture timestamps and the sample count drift apart (two clocks) it moves
+// toward the timestamps' position by at most a quarter sample per frame,
+// reading between samples through an interpolator (every whole sample moved
+// is counted as a slipped sample), so the echo path the canceller sees stays
+// still; a jump of more than 20 ms (a real discontinuity) re-synchronises it
+// (counted). It is never re-derived from scratch per frame.
+//
+// Echo delay: `echo-delay` (ms) plus, with `auto-echo-delay`, the estimate of
+// a worker thread that runs libkvaec_host's delay track on copies of the
+// reference (read at the microphone's position minus echo-delay) and the
+// microphone at 16 kHz, and follows it with hysteresis.
 #include "kvaec_probe.h"
 
 #include <speex/speex_resampler.h>
@@ -54,6 +61,12 @@ constexpr int kAlignMarginSamples = 2 * kRate / 1000;
 // The read position jumps (a counted resync) when it is this far from the
 // timestamps' position; below, it slips one sample per frame.
 constexpr double kResyncSamples = 20.0 * kRate / 1000;
+// Below, it follows the timestamps by at most this many samples per frame
+// (0.25 per 10 ms: 1560 ppm, beyond the drift of real devices).
+constexpr double kSlipRate = 0.25;
+// Half length of the interpolator of fractional read positions.
+constexpr int kInterpHalf = 8;
+constexpr double kPi = 3.14159265358979323846;
 // A microphone buffer this far from where the sample count puts it is a
 // discontinuity: flush, re-anchor.
 constexpr GstClockTime kMicJump = 20 * GST_MSECOND;
@@ -114,7 +127,8 @@ struct DspState {
     bool anchored = false, discont_out = true;
     GstClockTime ts_base = 0, anchor_rt = 0;
     double anchor16 = 0, lat16_down = 0, err16 = 0;
-    int64_t rpos = 0;
+    double rpos = 0;        // read position of the reference (16 kHz ring units, may be fractional)
+    double rnominal = 0;    // where it would be without slipping: placement + one frame per frame
     bool rpos_valid = false;
     int last_d16 = 0;
     bool live = false, live_known = false;
@@ -204,8 +218,8 @@ int64_t processing_delay(const DspState *s) {
 }
 
 // Lead reserved for the reference, 16 kHz samples: the alignment shift with
-// no known echo delay plus one frame.
-int reserved_lead() { return std::max<int32_t>(kvaec_align_shift(0, kAlignMarginSamples), 0) + kFrame; }
+// no known echo delay, one frame, and the interpolator's look-ahead.
+int reserved_lead() { return std::max<int32_t>(kvaec_align_shift(0, kAlignMarginSamples), 0) + kFrame + kInterpHalf + 1; }
 
 GstClockTime dsp_latency(const DspState *s) {
     const GstClockTime framing = gst_util_uint64_scale(kFrame, GST_SECOND, kRate);
@@ -233,18 +247,13 @@ gpointer worker_main(gpointer data) {
     double cand = 0;
     int cand_count = 0;
     double last_time = -1;
-#ifdef KVAEC_GST_HAVE_TRACK
     kvaec_track_params params;
     kvaec_track_default_params(&params);
     params.window_sec = 2.0;
     params.hop_sec = 1.0;
     params.max_offset_sec = 1.0;
     kvaec_track *track = kvaec_track_create(kRate, &params);
-#else
-    std::vector<float> acc_far, acc_mic;
-    double acc_time = 0;  // seconds of microphone pushed before the accumulated stretch
-    const size_t stretch = static_cast<size_t>(2 * kRate);
-#endif
+    double pushed = 0;  // seconds pushed into the current track
     for (;;) {
         bool reset = false;
         g_mutex_lock(&st->wlock);
@@ -264,14 +273,9 @@ gpointer worker_main(gpointer data) {
             cand_count = 0;
             last_time = -1;
             st->estimate_ms.store(NAN);
-#ifdef KVAEC_GST_HAVE_TRACK
             kvaec_track_destroy(track);
             track = kvaec_track_create(kRate, &params);
-#else
-            acc_far.clear();
-            acc_mic.clear();
-            acc_time = 0;
-#endif
+            pushed = 0;
         }
         if (far.empty()) continue;
         // One trusted window at a time, followed with hysteresis: a new value
@@ -298,33 +302,26 @@ gpointer worker_main(gpointer data) {
                 GST_INFO_OBJECT(self, "echo delay estimate %.2f ms beyond echo-delay", v);
             }
         };
-#ifdef KVAEC_GST_HAVE_TRACK
+        // The track keeps one entry per window: a fresh one every ten
+        // minutes bounds its memory (the followed estimate stays).
+        if (track != nullptr && pushed >= 600.0) {
+            kvaec_track_destroy(track);
+            track = kvaec_track_create(kRate, &params);
+            pushed = 0;
+            last_time = -1;
+            cand_count = 0;
+        }
         if (track != nullptr) {
             kvaec_track_push(track, far.data(), static_cast<int64_t>(far.size()), mic.data(),
                              static_cast<int64_t>(mic.size()));
+            pushed += static_cast<double>(mic.size()) / kRate;
             kvaec_track_window w;
             if (kvaec_track_latest(track, &w) == 1 && w.trusted) offer(w.time_sec, 1000.0 * w.delay_sec);
         }
-#else
-        acc_far.insert(acc_far.end(), far.begin(), far.end());
-        acc_mic.insert(acc_mic.end(), mic.begin(), mic.end());
-        if (acc_far.size() >= stretch) {
-            kvaec_delay_result r{};
-            if (kvaec_host_estimate_delay(acc_far.data(), static_cast<int64_t>(acc_far.size()), acc_mic.data(),
-                                          static_cast<int64_t>(acc_mic.size()), kRate, kRate / 2, 1.5, &r) == 0 &&
-                r.found && r.peak_to_mean >= 8.0)
-                offer(acc_time + r.start_sec, 1000.0 * r.delay / kRate);
-            acc_time += static_cast<double>(acc_far.size()) / kRate;
-            acc_far.clear();
-            acc_mic.clear();
-        }
-#endif
         far.clear();
         mic.clear();
     }
-#ifdef KVAEC_GST_HAVE_TRACK
     kvaec_track_destroy(track);
-#endif
     return nullptr;
 }
 
@@ -431,28 +428,38 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
     if (st->starved && (r->end != st->starved_end || r->generation != st->starved_gen)) st->starved = false;
     if (timeout > 0 && !st->starved) {
         gint64 deadline = g_get_monotonic_time() + timeout;
+        bool playing = wait != Wait::Preroll;
         while ((!r->anchored || pos + n > r->end) && !r->eos && !r->flushing && !r->gone &&
                !st->flushing.load()) {
-            if (wait == Wait::Preroll) {
-                // Prerolling on a non-live pipeline: the probe's branch may be
-                // held by its own sink's preroll, so the reference comes only
-                // in PLAYING. A zero-length gap lets the sinks here preroll
-                // too (no sample is lost or invented); then wait for PLAYING.
+            if (wait != Wait::Live) {
+                // Non-live: the probe's branch may be held by its own sink's
+                // preroll (at the start, after a flushing seek, after a pause),
+                // so the reference may come only in PLAYING. A zero-length gap
+                // (once per flush) lets the sinks here preroll too: no sample
+                // is lost or invented. Then wait without limit until PLAYING,
+                // and from then on at most two seconds.
                 if (!st->gap_sent.exchange(true)) {
+                    const GstClockTime ts = st->ts_base + gst_util_uint64_scale(static_cast<guint64>(st->out_total),
+                                                                                GST_SECOND,
+                                                                                static_cast<guint64>(st->rate));
                     g_mutex_unlock(lock);
-                    gst_pad_push_event(GST_BASE_TRANSFORM_SRC_PAD(self), gst_event_new_gap(st->ts_base + gst_util_uint64_scale(static_cast<guint64>(st->out_total), GST_SECOND, static_cast<guint64>(st->rate)), 0));
+                    gst_pad_push_event(GST_BASE_TRANSFORM_SRC_PAD(self), gst_event_new_gap(ts, 0));
                     g_mutex_lock(lock);
                     continue;
                 }
-                if (is_playing(self)) {
-                    wait = Wait::Playing;
-                    deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
+                if (!is_playing(self)) {
+                    playing = false;
+                    g_cond_wait_until(cond, lock, g_get_monotonic_time() + 20 * G_TIME_SPAN_MILLISECOND);
                     continue;
                 }
-                g_cond_wait_until(cond, lock, g_get_monotonic_time() + 20 * G_TIME_SPAN_MILLISECOND);
-                continue;
+                if (!playing) {
+                    playing = true;
+                    deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
+                }
             }
             if (!g_cond_wait_until(cond, lock, deadline)) {
+                GST_DEBUG_OBJECT(self, "reference at %" G_GINT64_FORMAT " not there in time (ring ends at %"
+                                 G_GINT64_FORMAT "): underrun", pos + n, r->end);
                 st->starved = true;
                 st->starved_end = r->end;
                 st->starved_gen = r->generation;
@@ -473,6 +480,30 @@ int fetch(GstKvaecDsp *self, int64_t pos, float *out, int n, Wait wait, int64_t 
     if (r->eos || r->flushing) missing = 0;
     g_mutex_unlock(lock);
     return missing;
+}
+
+// ---- fractional reference ----
+
+// out[k] = x at (kInterpHalf - 1 + k + frac), from `wide` (kFrame + 2 *
+// kInterpHalf samples): Blackman-windowed sinc of 2 * kInterpHalf taps,
+// normalised to unit gain at DC.
+void interpolate(const float *wide, double frac, float *out) {
+    float h[2 * kInterpHalf];
+    double sum = 0;
+    for (int j = 0; j < 2 * kInterpHalf; ++j) {
+        const double t = static_cast<double>(j - (kInterpHalf - 1)) - frac;  // tap offset from the read point
+        const double sinc = std::fabs(t) < 1e-9 ? 1.0 : std::sin(kPi * t) / (kPi * t);
+        const double u = (t + kInterpHalf) / (2.0 * kInterpHalf);             // 0..1 across the window
+        const double w = 0.42 - 0.5 * std::cos(2 * kPi * u) + 0.08 * std::cos(4 * kPi * u);
+        h[j] = static_cast<float>(sinc * w);
+        sum += sinc * w;
+    }
+    for (float &v : h) v = static_cast<float>(v / sum);
+    for (int k = 0; k < kFrame; ++k) {
+        float acc = 0.0f;
+        for (int j = 0; j < 2 * kInterpHalf; ++j) acc += h[j] * wide[k + j];
+        out[k] = acc;
+    }
 }
 
 // ---- stream ----
@@ -574,23 +605,27 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     const double target = c + kvaec_align_shift(d16, kAlignMarginSamples);
     guint64 resync = 0, slipped = 0;
     if (!st->rpos_valid) {
-        st->rpos = std::llround(target);
+        st->rpos = st->rnominal = static_cast<double>(std::llround(target));
         st->rpos_valid = true;
         st->last_d16 = d16;
     } else {
-        // A small change of the echo delay (the estimate following a drift)
-        // is slipped toward like clock drift; a large one is a new placement,
-        // counted as a resync only when no delay change explains it.
-        const double dd = target - static_cast<double>(st->rpos);
+        // Drift between the clocks (and a small change of the echo delay,
+        // e.g. the estimate following a drift) moves the read position
+        // continuously, at most kSlipRate samples per frame, once it is more
+        // than half a sample away: with a steady clock the position stays on
+        // whole samples. Every whole sample it has moved from the nominal
+        // position counts as a slipped sample. A jump beyond kResyncSamples
+        // is a new placement, counted as a resync unless an echo-delay change
+        // explains it.
+        const double dd = target - st->rpos;
         if (std::fabs(dd) > kResyncSamples) {
-            st->rpos = std::llround(target);
+            st->rpos = st->rnominal = static_cast<double>(std::llround(target));
             if (d16 == st->last_d16) resync = 1;
-        } else if (dd > 1.0) {
-            st->rpos += 1;
-            slipped = 1;
-        } else if (dd < -1.0) {
-            st->rpos -= 1;
-            slipped = 1;
+        } else if (std::fabs(dd) > 0.5) {
+            const double before = std::round(st->rpos - st->rnominal);
+            const double step = std::clamp(dd - std::copysign(0.5, dd), -kSlipRate, kSlipRate);
+            st->rpos += step;
+            slipped = static_cast<guint64>(std::fabs(std::round(st->rpos - st->rnominal) - before));
         }
         st->last_d16 = d16;
     }
@@ -602,9 +637,21 @@ void process_frame(GstKvaecDsp *self, bool draining) {
         else wait = is_playing(self) ? Wait::Playing : Wait::Preroll;
     }
     const int64_t est_pos = std::llround(c - s.echo_delay_ms * (kRate / 1000.0));
-    const int missing = fetch(self, st->rpos, rin, kFrame, wait, std::min(est_pos, st->rpos) - kRate);
+    // The reference at a fractional position goes through a windowed-sinc
+    // interpolator (exact copy on whole samples).
+    const int64_t ipos = static_cast<int64_t>(std::floor(st->rpos));
+    const double frac = st->rpos - static_cast<double>(ipos);
+    const int64_t keep = std::min<int64_t>(est_pos, ipos) - kRate;
+    int missing;
+    if (frac < 1e-6) {
+        missing = fetch(self, ipos, rin, kFrame, wait, keep);
+    } else {
+        float wide[kFrame + 2 * kInterpHalf];
+        missing = fetch(self, ipos - (kInterpHalf - 1), wide, kFrame + 2 * kInterpHalf, wait, keep);
+        interpolate(wide, frac, rin);
+    }
     if (s.auto_delay && st->probe != nullptr) {
-        fetch(self, est_pos, far_est, kFrame, Wait::No, std::min(est_pos, st->rpos) - kRate);
+        fetch(self, est_pos, far_est, kFrame, Wait::No, keep);
         g_mutex_lock(&st->wlock);
         // Non-live (files run faster than real time): wait for the worker
         // rather than let the estimate fall seconds behind the stream.
@@ -649,6 +696,7 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     ++st->frames;
     st->s16 += kFrame;
     st->rpos += kFrame;
+    st->rnominal += kFrame;
 
     GST_OBJECT_LOCK(self);
     Stats &t = st->stats;
@@ -661,7 +709,7 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     t.resyncs += resync;
     t.slipped += slipped;
     t.selftest_resets += resets;
-    t.lead = st->rpos - kFrame - std::llround(c);
+    t.lead = std::llround(st->rpos - kFrame - c);
     ++t.frames;
     GST_OBJECT_UNLOCK(self);
 
@@ -785,8 +833,8 @@ gboolean dsp_setup(GstAudioFilter *filter, const GstAudioInfo *info) {
     st->latency.store(lat);
     GST_INFO_OBJECT(self,
                     "microphone %d Hz, %d channel(s), %s; latency %" GST_TIME_FORMAT
-                    " = framing 10 ms + processing %" G_GINT64_FORMAT " samples (converters %d + %d at 16 kHz, "
-                    "library send path %d at 16 kHz) + reference lead %d samples at 16 kHz",
+                    " = framing 10 ms + processing %" G_GINT64_FORMAT " samples (down converter %d at the input rate, "
+                    "up converter %d and library send path %d at 16 kHz) + reference lead %d samples at 16 kHz",
                     st->rate, st->channels, gst_audio_format_to_string(st->format), GST_TIME_ARGS(lat),
                     processing_delay(st), speex_resampler_get_input_latency(st->down),
                     speex_resampler_get_input_latency(st->up), KVAEC_SND_DELAY_SAMPLES, reserved_lead());
@@ -921,6 +969,8 @@ gboolean dsp_sink_event(GstBaseTransform *bt, GstEvent *event) {
         break;
     case GST_EVENT_FLUSH_STOP:
         st->flushing.store(false);
+        st->gap_sent.store(false);
+        st->starved = false;
         stream_reset(st);
         break;
     default:
