@@ -66,6 +66,8 @@ constexpr double kResyncSamples = 20.0 * kRate / 1000;
 constexpr double kSlipRate = 0.25;
 // Half length of the interpolator of fractional read positions.
 constexpr int kInterpHalf = 8;
+// Cross-fade of bypass switches, 16 kHz samples (20 ms).
+constexpr int kBypassFadeSamples = 320;
 constexpr double kPi = 3.14159265358979323846;
 // A microphone buffer this far from where the sample count puts it is a
 // discontinuity: flush, re-anchor.
@@ -103,7 +105,6 @@ unsigned mode_of(const Settings &s) {
     if (!s.echo_suppression) m |= KVAEC_MODE_NO_NLP;
     if (!s.noise_suppression) m |= KVAEC_MODE_NO_NR;
     if (!s.hpf) m |= KVAEC_MODE_NO_HIPASS;
-    if (s.bypass) m |= KVAEC_MODE_BYPASS;
     if (s.freeze) m |= KVAEC_MODE_FREEZE;
     return m;
 }
@@ -127,6 +128,8 @@ struct DspState {
     bool anchored = false, discont_out = true;
     GstClockTime ts_base = 0, anchor_rt = 0;
     double anchor16 = 0, lat16_down = 0, err16 = 0;
+    std::vector<float> bypass_hist = std::vector<float>(KVAEC_SND_DELAY_SAMPLES, 0.0f);
+    float bypass_gain = 0.0f;  // 0: canceller output .. 1: bypassed microphone
     double rpos = 0;        // read position of the reference (16 kHz ring units, may be fractional)
     double rnominal = 0;    // where it would be without slipping: placement + one frame per frame
     bool rpos_valid = false;
@@ -512,6 +515,7 @@ void stream_reset(DspState *st) {
     if (st->down) speex_resampler_reset_mem(st->down);
     if (st->up) speex_resampler_reset_mem(st->up);
     st->fill = 0;
+    std::fill(st->bypass_hist.begin(), st->bypass_hist.end(), 0.0f);
     st->outq.clear();
     st->outq_head = 0;
     st->drop = st->down ? processing_delay(st) : 0;
@@ -682,6 +686,24 @@ void process_frame(GstKvaecDsp *self, bool draining) {
         }
     int bist = 0;
     if (bad || (st->frames + 1) % kBistFrames == 0) bist = aecx_bist();
+    // Bypass: the microphone delayed by the library's send-path delay (the
+    // latency stays), cross-faded over 20 ms so that switching never clicks.
+    // The canceller keeps running meanwhile and resumes converged.
+    {
+        constexpr int D = KVAEC_SND_DELAY_SAMPLES;
+        static_assert(D <= kFrame, "the send-path delay fits in one frame");
+        const float want = s.bypass ? 1.0f : 0.0f;
+        const float step = 1.0f / static_cast<float>(kBypassFadeSamples);
+        for (int n = 0; n < kFrame; ++n) {
+            const float delayed = n < D ? st->bypass_hist[static_cast<size_t>(n)] : st->frame[static_cast<size_t>(n - D)];
+            float &g = st->bypass_gain;
+            if (g < want) g = std::min(want, g + step);
+            else if (g > want) g = std::max(want, g - step);
+            if (g > 0.0f) sin[n] = (1.0f - g) * sin[n] + g * delayed;
+        }
+        std::copy(st->frame.begin() + (kFrame - D), st->frame.begin() + kFrame, st->bypass_hist.begin());
+    }
+
     guint64 resets = 0;
     if (bad || bist > 0) {
         aecx_init(&st->cfg);
@@ -1260,7 +1282,10 @@ static void gst_kvaec_dsp_class_init(GstKvaecDspClass *klass) {
         g_param_spec_boolean("high-pass-filter", "High-pass filter", "High-pass filter on the send path", TRUE, rw));
     g_object_class_install_property(
         oc, PROP_BYPASS,
-        g_param_spec_boolean("bypass", "Bypass", "Pass the microphone through (same latency and band limit)", FALSE,
+        g_param_spec_boolean("bypass", "Bypass",
+                             "Pass the microphone through (same latency and band limit; cross-faded over 20 ms, the "
+                             "canceller keeps adapting)",
+                             FALSE,
                              rw));
     g_object_class_install_property(
         oc, PROP_FREEZE,

@@ -37,7 +37,9 @@ struct _GstKvaecEchoProbe {
     bool live_known;
     std::vector<float> *mono, *out16;
 
-    GstClockTime latency;  // from the LATENCY event (atomic enough under the lock)
+    GstClockTime latency;  // from the LATENCY event, under the lock
+    bool gave_up;          // under the lock: stopped waiting for a stuck reader at gave_up_pos
+    int64_t gave_up_pos;
 };
 
 G_DEFINE_TYPE(GstKvaecEchoProbe, gst_kvaec_echo_probe, GST_TYPE_AUDIO_FILTER)
@@ -123,13 +125,20 @@ void feed(GstKvaecEchoProbe *self, const float *x, int64_t n) {
         KvaecFarRing *r = self->ring;
         // Non-live: wait rather than overwrite what the reader still needs;
         // give up after two seconds without progress (the reader is stuck).
-        if (!r->live) {
+        // After giving up, wait again only once the reader has moved.
+        if (!r->live && !(self->gave_up && r->reader_pos == self->gave_up_pos)) {
+            self->gave_up = false;
             int64_t last_pos = r->reader_pos;
             gint64 deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
             while (r->reader && !r->flushing && r->active &&
                    r->end + static_cast<int64_t>(out_len) - r->reader_pos > KvaecFarRing::kSize - 4096) {
                 if (!g_cond_wait_until(&self->cond, &self->lock, deadline)) {
-                    if (r->reader_pos == last_pos) break;
+                    if (r->reader_pos == last_pos) {
+                        GST_DEBUG_OBJECT(self, "reader stuck at %" G_GINT64_FORMAT ": overwriting", last_pos);
+                        self->gave_up = true;
+                        self->gave_up_pos = last_pos;
+                        break;
+                    }
                     last_pos = r->reader_pos;
                     deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
                 }
@@ -321,6 +330,19 @@ gboolean probe_stop(GstBaseTransform *bt) {
     return TRUE;
 }
 
+GstStateChangeReturn probe_change_state(GstElement *element, GstStateChange transition) {
+    GstKvaecEchoProbe *self = GST_KVAEC_ECHO_PROBE(element);
+    if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
+        // A chain function waiting for the reader returns before the pads
+        // are deactivated.
+        g_mutex_lock(&self->lock);
+        self->ring->active = false;
+        g_cond_broadcast(&self->cond);
+        g_mutex_unlock(&self->lock);
+    }
+    return GST_ELEMENT_CLASS(gst_kvaec_echo_probe_parent_class)->change_state(element, transition);
+}
+
 void probe_dispose(GObject *object) {
     registry_remove(GST_KVAEC_ECHO_PROBE(object));
     G_OBJECT_CLASS(gst_kvaec_echo_probe_parent_class)->dispose(object);
@@ -346,6 +368,7 @@ static void gst_kvaec_echo_probe_class_init(GstKvaecEchoProbeClass *klass) {
     GstAudioFilterClass *ac = GST_AUDIO_FILTER_CLASS(klass);
     oc->dispose = probe_dispose;
     oc->finalize = probe_finalize;
+    ec->change_state = probe_change_state;
     gst_element_class_set_static_metadata(
         ec, "Echo reference probe (kvaec)", "Generic/Audio",
         "Records the far-end signal that is played, for kvaecdsp's echo canceller; passes it through unchanged",
@@ -376,6 +399,8 @@ static void gst_kvaec_echo_probe_init(GstKvaecEchoProbe *self) {
     self->in_next = 0;
     self->live_known = false;
     self->latency = 0;
+    self->gave_up = false;
+    self->gave_up_pos = 0;
     gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(self), TRUE);
     gst_base_transform_set_in_place(GST_BASE_TRANSFORM(self), TRUE);
     // Findable by name from creation on: the two branches of a pipeline

@@ -55,28 +55,47 @@ private:
     std::vector<double> table_;
 };
 
-void fft(std::vector<std::complex<double>> &a, bool inverse) {
-    const size_t n = a.size();
-    for (size_t i = 1, j = 0; i < n; ++i) {
-        size_t bit = n >> 1;
-        for (; j & bit; bit >>= 1) j ^= bit;
-        j ^= bit;
-        if (i < j) std::swap(a[i], a[j]);
-    }
-    for (size_t len = 2; len <= n; len <<= 1) {
-        const double ang = (inverse ? 2 : -2) * kPi / static_cast<double>(len);
-        for (size_t k = 0; k < len / 2; ++k) {
-            const std::complex<double> w(std::cos(ang * static_cast<double>(k)), std::sin(ang * static_cast<double>(k)));
-            for (size_t i = 0; i < n; i += len) {
-                const std::complex<double> u = a[i + k], v = a[i + k + len / 2] * w;
-                a[i + k] = u + v;
-                a[i + k + len / 2] = u - v;
-            }
+// Radix-2 FFT of one size with its twiddles and bit-reversed order made once.
+class Fft {
+public:
+    explicit Fft(size_t n) : n_(n), tw_(n / 2), rev_(n) {
+        for (size_t k = 0; k < n / 2; ++k) {
+            const double ang = -2 * kPi * static_cast<double>(k) / static_cast<double>(n);
+            tw_[k] = {std::cos(ang), std::sin(ang)};
+        }
+        for (size_t i = 1, j = 0; i < n; ++i) {
+            size_t bit = n >> 1;
+            for (; j & bit; bit >>= 1) j ^= bit;
+            j ^= bit;
+            rev_[i] = j;
         }
     }
-    if (inverse)
-        for (auto &v : a) v /= static_cast<double>(n);
-}
+    void run(std::vector<std::complex<double>> &a, bool inverse) const {
+        const size_t n = n_;
+        for (size_t i = 1; i < n; ++i)
+            if (i < rev_[i]) std::swap(a[i], a[rev_[i]]);
+        const double sg = inverse ? -1.0 : 1.0;
+        for (size_t len = 2; len <= n; len <<= 1) {
+            const size_t half = len / 2, stride = n / len;
+            for (size_t i = 0; i < n; i += len) {
+                for (size_t k = 0; k < half; ++k) {
+                    const double wr = tw_[k * stride].real(), wi = sg * tw_[k * stride].imag();
+                    const std::complex<double> b = a[i + k + half], u = a[i + k];
+                    const std::complex<double> v(b.real() * wr - b.imag() * wi, b.real() * wi + b.imag() * wr);
+                    a[i + k] = u + v;
+                    a[i + k + half] = u - v;
+                }
+            }
+        }
+        if (inverse)
+            for (auto &v : a) v /= static_cast<double>(n);
+    }
+
+private:
+    size_t n_;
+    std::vector<std::complex<double>> tw_;
+    std::vector<size_t> rev_;
+};
 
 // Linear convolution of x with a short h (overlap-add), same length as x.
 std::vector<float> convolve(const std::vector<float> &x, const std::vector<double> &h) {
@@ -84,17 +103,20 @@ std::vector<float> convolve(const std::vector<float> &x, const std::vector<doubl
     size_t n = 1;
     while (n < 2 * L + 4096) n <<= 1;
     const size_t block = n - L + 1;
+    const Fft fft(n);
     std::vector<std::complex<double>> H(n);
     for (size_t i = 0; i < L; ++i) H[i] = h[i];
-    fft(H, false);
+    fft.run(H, false);
     std::vector<double> out(x.size() + n, 0.0);
     std::vector<std::complex<double>> buf(n);
     for (size_t s = 0; s < x.size(); s += block) {
         std::fill(buf.begin(), buf.end(), 0.0);
         for (size_t i = 0; i < block && s + i < x.size(); ++i) buf[i] = x[s + i];
-        fft(buf, false);
-        for (size_t k = 0; k < n; ++k) buf[k] *= H[k];
-        fft(buf, true);
+        fft.run(buf, false);
+        for (size_t k = 0; k < n; ++k)
+            buf[k] = {buf[k].real() * H[k].real() - buf[k].imag() * H[k].imag(),
+                      buf[k].real() * H[k].imag() + buf[k].imag() * H[k].real()};
+        fft.run(buf, true);
         for (size_t i = 0; i < n; ++i) out[s + i] += buf[i].real();
     }
     return std::vector<float>(out.begin(), out.begin() + static_cast<long>(x.size()));

@@ -371,6 +371,7 @@ DelayTrack::DelayTrack(int rate, const kvaec_track_params &p)
       far_(rate),
       mic_(rate) {
     B_ = static_cast<int64_t>(narrowPlan_.size()) - 2 * M_;
+    for (size_t n = narrowPlan_.size() / 2; static_cast<int64_t>(n) >= 4 * M_; n /= 2) smallPlans_.emplace_back(n);
     // Decimation low-pass for the coarse search: Blackman-windowed sinc with
     // its cut-off at 0.4 of the decimated rate.
     const int taps = static_cast<int>(8 * q_ + 1);
@@ -447,7 +448,13 @@ double DelayTrack::predict(double c, double &tol) const {
 TrackFix DelayTrack::narrow(const SampleView &far, const SampleView &mic, int64_t a, double d0, double slope,
                             int64_t from, int64_t len) {
     TrackFix fx;
-    const size_t N = narrowPlan_.size(), half = N / 2;
+    // The drift inside one block is not compensated: where it would smear
+    // the peak by more than half a sample, shorter blocks are used.
+    const FftPlan *plan = &narrowPlan_;
+    for (const FftPlan &pl : smallPlans_)
+        if (std::fabs(slope) * static_cast<double>(plan->size() - 2 * static_cast<size_t>(M_)) > 0.5) plan = &pl;
+    const size_t N = plan->size(), half = N / 2;
+    const int64_t B = static_cast<int64_t>(N) - 2 * M_;
     if (len < 0) len = W_ - from;
     z_.resize(N);
     acc_.assign(half + 1, {0.0, 0.0});
@@ -455,8 +462,8 @@ TrackFix DelayTrack::narrow(const SampleView &far, const SampleView &mic, int64_
     std::vector<double> xs, ys;
     // Blocks of B far-end samples against B + 2M microphone samples fill the
     // transform exactly; every lag in [0, 2M] sees the whole block.
-    for (int64_t s = from; s < from + len; s += B_) {
-        const int64_t bl = std::min(B_, from + len - s);
+    for (int64_t s = from; s < from + len; s += B) {
+        const int64_t bl = std::min(B, from + len - s);
         const int64_t fb = a + s;
         const double dp = d0 + slope * (static_cast<double>(fb) + static_cast<double>(bl) / 2.0 - c);
         const double fl = std::floor(dp);
@@ -466,7 +473,7 @@ TrackFix DelayTrack::narrow(const SampleView &far, const SampleView &mic, int64_
         copySpan(mic, fb + ni - M_, bl + 2 * M_, ys);
         for (size_t i = 0; i < N; ++i)
             z_[i] = {i < xs.size() ? xs[i] : 0.0, i < ys.size() ? ys[i] : 0.0};
-        narrowPlan_.forward(z_.data());
+        plan->forward(z_.data());
         // Unpack the two real spectra, cross spectrum, and shift by the
         // fractional part of the predicted delay so that every block's peak
         // lines up at lag M + residual.
@@ -492,7 +499,7 @@ TrackFix DelayTrack::narrow(const SampleView &far, const SampleView &mic, int64_
     acc_[half] = {acc_[half].real(), 0.0};
     for (size_t k = 0; k <= half; ++k) z_[k] = acc_[k];
     for (size_t k = 1; k < half; ++k) z_[N - k] = std::conj(acc_[k]);
-    narrowPlan_.inverse(z_.data());
+    plan->inverse(z_.data());
     int64_t best = -1;
     double bestV = 0;
     for (int64_t m = 1; m < 2 * M_; ++m) {
@@ -635,7 +642,7 @@ void DelayTrack::analyseWindow(int64_t a) {
                 havePending_ = false;
                 misses_ = 0;
             } else {
-                if (!model_.empty()) {
+                if (!model_.empty() && !havePending_) {
                     const double u = locateJump(fv, mv, a, pred, slope_, fx.delay);
                     if (u >= 0) jumpHints_.push_back((u + 0.5 * (pred + fx.delay)) / rate_);
                 }

@@ -141,6 +141,7 @@ private:
     int64_t W_, hop_, maxOff_, M_, q_;
     FftPlan narrowPlan_;
     FftPlan coarsePlan_;
+    std::vector<FftPlan> smallPlans_;  // shorter blocks for strong drift
     int64_t B_ = 0;  // far-end block of the narrow search
     std::vector<double> decim_;
     TrackStream far_, mic_;
