@@ -19,6 +19,8 @@
 #include <random>
 #include <thread>
 
+#include <unistd.h>
+
 using namespace kvaec::gsttest;
 
 namespace {
@@ -581,9 +583,13 @@ TEST(Dsp, StatsAfterFiveSecondsOfFarSpeech) {
 class GstEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
-        // The registry of this build, scanned in this process (a sanitizer
-        // build's plugin loads only here).
-        setenv("GST_REGISTRY", KVAEC_GST_TEST_REGISTRY, 0);
+        // A registry of this process's own (tests run in parallel must not
+        // rewrite one file under each other), scanned in this process (a
+        // sanitizer build's plugin loads only here): a fraction of a second.
+        if (!getenv("GST_REGISTRY")) {
+            registry_ = std::string(KVAEC_GST_TEST_REGISTRY) + "." + std::to_string(getpid());
+            setenv("GST_REGISTRY", registry_.c_str(), 1);
+        }
         setenv("GST_REGISTRY_FORK", "no", 0);
         gst_init(nullptr, nullptr);
         std::string err;
@@ -592,7 +598,13 @@ public:
             std::exit(1);
         }
     }
-    void TearDown() override { gst_deinit(); }
+    void TearDown() override {
+        gst_deinit();
+        if (!registry_.empty()) std::remove(registry_.c_str());
+    }
+
+private:
+    std::string registry_;
 };
 
 int main(int argc, char **argv) {
