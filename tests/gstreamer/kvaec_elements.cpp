@@ -385,6 +385,53 @@ TEST(Dsp, SecondDspIsBusyUntilTheFirstIsGone) {
     gst_object_unref(second);
 }
 
+// ---- two pipelines ----
+
+// The snippet of docs/gstreamer.md: playback and capture in two live
+// pipelines of one process, the capture pipeline on the playback pipeline's
+// clock and base time. After 1.5 s of real time the dsp has run its frames
+// with the reference there (underruns only at the start, before the far end
+// has filled the lead).
+TEST(Dsp, TwoPipelinesSharingOneClockFindTheReference) {
+    GstElement *play = gst_parse_launch(
+        "audiotestsrc is-live=true wave=pink-noise ! audio/x-raw,rate=48000,channels=2 "
+        "! kvaecechoprobe name=echo ! fakesink sync=true", nullptr);
+    GstElement *rec = gst_parse_launch(
+        "audiotestsrc is-live=true wave=pink-noise volume=0.1 ! audio/x-raw,rate=16000,channels=1 "
+        "! kvaecdsp name=dsp probe=echo ! fakesink sync=true", nullptr);
+    ASSERT_NE(play, nullptr);
+    ASSERT_NE(rec, nullptr);
+    ASSERT_NE(gst_element_set_state(play, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    gst_element_get_state(play, nullptr, nullptr, GST_CLOCK_TIME_NONE);
+    GstClock *clock = gst_pipeline_get_clock(GST_PIPELINE(play));
+    gst_pipeline_use_clock(GST_PIPELINE(rec), clock);
+    gst_element_set_start_time(rec, GST_CLOCK_TIME_NONE);
+    gst_element_set_base_time(rec, gst_element_get_base_time(play));
+    ASSERT_NE(gst_element_set_state(rec, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    gst_object_unref(clock);
+    g_usleep(1500 * 1000);
+    GstElement *dsp = gst_bin_get_by_name(GST_BIN(rec), "dsp");
+    GstStructure *st = stats(dsp);
+    ASSERT_NE(st, nullptr);
+    guint64 frames = 0, underruns = 0, resyncs = 0;
+    gst_structure_get_uint64(st, "frames", &frames);
+    gst_structure_get_uint64(st, "underruns", &underruns);
+    gst_structure_get_uint64(st, "resyncs", &resyncs);
+    gst_structure_free(st);
+    gst_object_unref(dsp);
+    EXPECT_FALSE(popError(rec).any);
+    gst_element_set_state(rec, GST_STATE_NULL);
+    gst_element_set_state(play, GST_STATE_NULL);
+    gst_object_unref(rec);
+    gst_object_unref(play);
+    RecordProperty("frames", std::to_string(frames));
+    RecordProperty("underruns", std::to_string(underruns));
+    // 1.5 s of 10 ms frames, less start-up (a loaded machine starts late).
+    EXPECT_GE(frames, 100u);
+    EXPECT_LE(underruns, 10u);
+    EXPECT_EQ(resyncs, 0u);
+}
+
 // ---- robustness: probe gone, live changes ----
 
 // The probe is stopped and freed from another thread while the dsp keeps
