@@ -631,13 +631,14 @@ class GstEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
         // A registry of this process's own (tests run in parallel must not
-        // rewrite one file under each other), scanned in this process (a
-        // sanitizer build's plugin loads only here): a fraction of a second.
+        // rewrite one file under each other), made by GStreamer's plugin
+        // scanner from the system plugins (a fraction of a second). The
+        // plugin under test is not on its path: loadPlugin() loads it into
+        // this process, so a sanitizer build of it runs with its runtime.
         if (!getenv("GST_REGISTRY")) {
             registry_ = std::string(KVAEC_GST_TEST_REGISTRY) + "." + std::to_string(getpid());
             setenv("GST_REGISTRY", registry_.c_str(), 1);
         }
-        setenv("GST_REGISTRY_FORK", "no", 0);
         gst_init(nullptr, nullptr);
         std::string err;
         if (!loadPlugin(&err)) {
