@@ -11,6 +11,31 @@
 
 namespace {
 
+// y[t] += sum over j of g[j] * x[t + j], for t < T and j < Q, the taps added
+// one after the other in order j = 0, 1, ... for every t. Four taps per pass
+// over y (the same order of additions), so y is loaded and stored once per
+// four taps.
+void fir_accumulate(float *__restrict y, const float *__restrict x, const float *g, int64_t T, int64_t Q) {
+    int64_t j = 0;
+    for (; j + 4 <= Q; j += 4) {
+        const float c0 = g[j], c1 = g[j + 1], c2 = g[j + 2], c3 = g[j + 3];
+        const float *x0 = x + j;
+        for (int64_t t = 0; t < T; ++t) {
+            float a = y[t];
+            a += c0 * x0[t];
+            a += c1 * x0[t + 1];
+            a += c2 * x0[t + 2];
+            a += c3 * x0[t + 3];
+            y[t] = a;
+        }
+    }
+    for (; j < Q; ++j) {
+        const float c = g[j];
+        const float *xj = x + j;
+        for (int64_t t = 0; t < T; ++t) y[t] += c * xj[t];
+    }
+}
+
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kKaiserBeta = 6.2;
 constexpr int kSpeexQuality = 5;
@@ -170,12 +195,7 @@ void KvaecResampler::process(const float *in, uint32_t *in_len, float *out, uint
             for (int64_t p = 0; p < m; ++p) {
                 float *b = scratch_.data();
                 for (int64_t i = 0; i < span; ++i) b[i] = x[i * m + p];
-                const float *g = taps_.data() + p * q;
-                for (int64_t j = 0; j < q; ++j) {
-                    const float c = g[j];
-                    const float *bj = b + j;
-                    for (int64_t t = 0; t < T; ++t) out[t] += c * bj[t];
-                }
+                fir_accumulate(out, b, taps_.data() + p * q, T, q);
             }
             hist_.erase(hist_.begin(), hist_.begin() + T * m);
         }
@@ -195,12 +215,7 @@ void KvaecResampler::process(const float *in, uint32_t *in_len, float *out, uint
             float *z = acc_.data();
             for (int64_t r = 0; r < m; ++r) {
                 std::fill(z, z + n, 0.0f);
-                const float *g = taps_.data() + r * q;
-                for (int64_t j = 0; j < q; ++j) {
-                    const float c = g[j];
-                    const float *xj = x + j;
-                    for (int64_t t = 0; t < n; ++t) z[t] += c * xj[t];
-                }
+                fir_accumulate(z, x, taps_.data() + r * q, n, q);
                 for (int64_t t = 0; t < n; ++t) out[t * m + r] = z[t];
             }
             hist_.erase(hist_.begin(), hist_.begin() + n);
