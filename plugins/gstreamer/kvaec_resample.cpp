@@ -89,7 +89,9 @@ bool KvaecResampler::init(int in_rate, int out_rate, const char **error) {
     } else if (lo == kBase && hi % kBase == 0) {
         mode_ = in_rate > out_rate ? Mode::Down : Mode::Up;
         m_ = hi / kBase;
-        q_ = 2 * kKvaecFirHalf + 1;
+        // The end taps h[0] and h[N - 1] are zeros of the sinc (t = -H, H):
+        // the N - 2 others fit in 2H taps per phase.
+        q_ = 2 * kKvaecFirHalf;
         const int n = 2 * kKvaecFirHalf * m_ + 1;
         const int qm = q_ * m_;
         const std::vector<double> h = prototype(m_, kKvaecFirHalf);

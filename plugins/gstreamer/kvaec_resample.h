@@ -10,7 +10,9 @@
 // windowed sinc of N = 2 * kKvaecFirHalf * M + 1 taps at the higher rate,
 //   h[k] = sinc((k - (N - 1) / 2) / M) * I0(beta * sqrt(1 - r^2)) / I0(beta),
 //   r = (2k - (N - 1)) / (N - 1), beta = 6.2,
-// normalised to unit gain at DC (times M when interpolating). Cut-off at
+// normalised to unit gain at DC (times M when interpolating); its end taps
+// are zeros of the sinc, so each of the M phases has 2 * kKvaecFirHalf taps
+// (a multiple of four: the loops run four taps per pass). Cut-off at
 // 8 kHz, transition 7..9 kHz: passband flat to 7 kHz, stopband (aliases and
 // images) below -60 dB. Its group delay is (N - 1) / 2 = kKvaecFirHalf * M
 // samples at the higher rate, kKvaecFirHalf samples at 16 kHz: whole samples
