@@ -1,7 +1,8 @@
 // kvaecdsp: echo canceller of the capture branch, around libkvaec.
 //
 // Signal path: the microphone (one channel, or the mean of all) is converted
-// to 16 kHz by a SpeexDSP resampler of fixed delay and cut into 10 ms frames.
+// to 16 kHz by a converter of fixed delay (kvaec_resample.h) and cut into 10 ms
+// frames.
 // For each frame the echo reference is read from the probe's ring at the
 // frame's capture position plus the lead the library's alignment rule asks
 // for (kvaec_align_shift with the known echo delay: `echo-delay` plus the
@@ -34,11 +35,11 @@
 // reference (read at the microphone's position minus echo-delay) and the
 // microphone at 16 kHz, and follows it with hysteresis.
 #include "kvaec_probe.h"
-
-#include <speex/speex_resampler.h>
+#include "kvaec_resample.h"
 
 #include <algorithm>
 #include <atomic>
+#include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -49,8 +50,6 @@
 #include "kvaec_records.h"
 
 #define GST_CAT_DEFAULT kvaec_gst_debug
-
-#define KVAEC_GST_RESAMPLER_QUALITY 5
 
 namespace {
 
@@ -119,7 +118,7 @@ struct DspState {
     // Stream (streaming thread).
     int rate = 48000, channels = 1;
     GstAudioFormat format = GST_AUDIO_FORMAT_F32LE;
-    SpeexResamplerState *down = nullptr, *up = nullptr;
+    KvaecResampler down, up;
     std::vector<float> mono, buf16, frame, upbuf, outq;
     size_t outq_head = 0;
     int fill = 0;
@@ -214,8 +213,8 @@ namespace {
 // Processing delay in input-rate samples: down converter + library send
 // path + up converter.
 int64_t processing_delay(const DspState *s) {
-    const double d = speex_resampler_get_input_latency(s->down) +
-                     (KVAEC_SND_DELAY_SAMPLES + speex_resampler_get_input_latency(s->up)) *
+    const double d = s->down.input_latency() +
+                     (KVAEC_SND_DELAY_SAMPLES + s->up.input_latency()) *
                          static_cast<double>(s->rate) / kRate;
     return std::llround(d);
 }
@@ -255,7 +254,9 @@ gpointer worker_main(gpointer data) {
     params.window_sec = 2.0;
     params.hop_sec = 1.0;
     params.max_offset_sec = 1.0;
-    kvaec_track *track = kvaec_track_create(kRate, &params);
+    // Made when the first copies arrive: with auto-echo-delay off the worker
+    // never builds the track (nor its transforms).
+    kvaec_track *track = nullptr;
     double pushed = 0;  // seconds pushed into the current track
     for (;;) {
         bool reset = false;
@@ -277,7 +278,7 @@ gpointer worker_main(gpointer data) {
             last_time = -1;
             st->estimate_ms.store(NAN);
             kvaec_track_destroy(track);
-            track = kvaec_track_create(kRate, &params);
+            track = nullptr;
             pushed = 0;
         }
         if (far.empty()) continue;
@@ -309,11 +310,12 @@ gpointer worker_main(gpointer data) {
         // minutes bounds its memory (the followed estimate stays).
         if (track != nullptr && pushed >= 600.0) {
             kvaec_track_destroy(track);
-            track = kvaec_track_create(kRate, &params);
+            track = nullptr;
             pushed = 0;
             last_time = -1;
             cand_count = 0;
         }
+        if (track == nullptr) track = kvaec_track_create(kRate, &params);
         if (track != nullptr) {
             kvaec_track_push(track, far.data(), static_cast<int64_t>(far.size()), mic.data(),
                              static_cast<int64_t>(mic.size()));
@@ -512,13 +514,13 @@ void interpolate(const float *wide, double frac, float *out) {
 // ---- stream ----
 
 void stream_reset(DspState *st) {
-    if (st->down) speex_resampler_reset_mem(st->down);
-    if (st->up) speex_resampler_reset_mem(st->up);
+    st->down.reset();
+    st->up.reset();
     st->fill = 0;
     std::fill(st->bypass_hist.begin(), st->bypass_hist.end(), 0.0f);
     st->outq.clear();
     st->outq_head = 0;
-    st->drop = st->down ? processing_delay(st) : 0;
+    st->drop = st->down.ready() ? processing_delay(st) : 0;
     st->drop_total = st->drop;
     st->in_total = st->out_total = st->s16 = 0;
     st->anchored = false;
@@ -736,12 +738,12 @@ void process_frame(GstKvaecDsp *self, bool draining) {
     GST_OBJECT_UNLOCK(self);
 
     // Back to the input rate.
-    spx_uint32_t in_len = kFrame;
-    spx_uint32_t out_len = static_cast<spx_uint32_t>(st->upbuf.size());
-    speex_resampler_process_float(st->up, 0, sin, &in_len, st->upbuf.data(), &out_len);
-    spx_uint32_t skip = 0;
+    uint32_t in_len = kFrame;
+    uint32_t out_len = static_cast<uint32_t>(st->upbuf.size());
+    st->up.process(sin, &in_len, st->upbuf.data(), &out_len);
+    uint32_t skip = 0;
     if (st->drop > 0) {
-        skip = static_cast<spx_uint32_t>(std::min<int64_t>(st->drop, out_len));
+        skip = static_cast<uint32_t>(std::min<int64_t>(st->drop, out_len));
         st->drop -= skip;
     }
     st->outq.insert(st->outq.end(), st->upbuf.begin() + skip, st->upbuf.begin() + out_len);
@@ -751,16 +753,18 @@ void process_frame(GstKvaecDsp *self, bool draining) {
 // every completed frame.
 void feed_mic(GstKvaecDsp *self, const float *x, int64_t n, bool draining) {
     DspState *st = self->st;
-    static const float zeros[1024] = {};
     while (n > 0) {
         const int64_t chunk = std::min<int64_t>(n, 1024);
-        spx_uint32_t in_len = static_cast<spx_uint32_t>(chunk);
-        spx_uint32_t out_len = static_cast<spx_uint32_t>(st->buf16.size());
-        speex_resampler_process_float(st->down, 0, x ? x : zeros, &in_len, st->buf16.data(), &out_len);
+        uint32_t in_len = static_cast<uint32_t>(chunk);
+        uint32_t out_len = static_cast<uint32_t>(st->buf16.size());
+        st->down.process(x, &in_len, st->buf16.data(), &out_len);
         if (x) x += in_len;
         n -= in_len;
-        for (spx_uint32_t i = 0; i < out_len; ++i) {
-            st->frame[static_cast<size_t>(st->fill++)] = st->buf16[i];
+        for (uint32_t i = 0; i < out_len;) {
+            const uint32_t take = std::min<uint32_t>(out_len - i, static_cast<uint32_t>(kFrame - st->fill));
+            std::copy(st->buf16.begin() + i, st->buf16.begin() + i + take, st->frame.begin() + st->fill);
+            st->fill += static_cast<int>(take);
+            i += take;
             if (st->fill == kFrame) {
                 process_frame(self, draining);
                 st->fill = 0;
@@ -791,8 +795,12 @@ GstBuffer *make_output(GstKvaecDsp *self, int64_t n) {
         }
     } else {
         float *d = reinterpret_cast<float *>(map.data);
-        for (int64_t i = 0; i < n; ++i)
-            for (int c = 0; c < C; ++c) d[i * C + c] = q[i];
+        if (C == 1) std::memcpy(d, q, static_cast<size_t>(n) * sizeof(float));
+        else if (C == 2)
+            for (int64_t i = 0; i < n; ++i) d[2 * i] = d[2 * i + 1] = q[i];
+        else
+            for (int64_t i = 0; i < n; ++i)
+                for (int c = 0; c < C; ++c) d[i * C + c] = q[i];
     }
     gst_buffer_unmap(out, &map);
     st->outq_head += static_cast<size_t>(n);
@@ -819,7 +827,7 @@ GstBuffer *make_output(GstKvaecDsp *self, int64_t n) {
 // output buffer or nullptr.
 GstBuffer *drain(GstKvaecDsp *self) {
     DspState *st = self->st;
-    if (!st->anchored || st->down == nullptr) return nullptr;
+    if (!st->anchored || !st->down.ready()) return nullptr;
     const int64_t want = st->in_total - st->out_total;
     for (int guard = 0; static_cast<int64_t>(outq_size(st)) < want && guard < 200; ++guard)
         feed_mic(self, nullptr, st->rate / 100, true);
@@ -836,17 +844,12 @@ gboolean dsp_setup(GstAudioFilter *filter, const GstAudioInfo *info) {
     st->rate = GST_AUDIO_INFO_RATE(info);
     st->channels = GST_AUDIO_INFO_CHANNELS(info);
     st->format = GST_AUDIO_INFO_FORMAT(info);
-    if (st->down) speex_resampler_destroy(st->down);
-    if (st->up) speex_resampler_destroy(st->up);
-    int e1 = 0, e2 = 0;
-    st->down = speex_resampler_init(1, static_cast<spx_uint32_t>(st->rate), kRate, KVAEC_GST_RESAMPLER_QUALITY, &e1);
-    st->up = speex_resampler_init(1, kRate, static_cast<spx_uint32_t>(st->rate), KVAEC_GST_RESAMPLER_QUALITY, &e2);
-    if (!st->down || !st->up) {
-        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("resampler: %s", speex_resampler_strerror(e1 ? e1 : e2)),
-                          (nullptr));
+    const char *err = "";
+    if (!st->down.init(st->rate, kRate, &err) || !st->up.init(kRate, st->rate, &err)) {
+        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("resampler: %s", err), (nullptr));
         return FALSE;
     }
-    st->lat16_down = speex_resampler_get_input_latency(st->down) * static_cast<double>(kRate) / st->rate;
+    st->lat16_down = st->down.input_latency() * static_cast<double>(kRate) / st->rate;
     st->buf16.assign(1024 * kRate / 8000 + 64, 0.0f);
     st->frame.assign(kFrame, 0.0f);
     st->upbuf.assign(static_cast<size_t>(kFrame * st->rate / kRate + 64), 0.0f);
@@ -855,11 +858,11 @@ gboolean dsp_setup(GstAudioFilter *filter, const GstAudioInfo *info) {
     st->latency.store(lat);
     GST_INFO_OBJECT(self,
                     "microphone %d Hz, %d channel(s), %s; latency %" GST_TIME_FORMAT
-                    " = framing 10 ms + processing %" G_GINT64_FORMAT " samples (down converter %d at the input rate, "
-                    "up converter %d and library send path %d at 16 kHz) + reference lead %d samples at 16 kHz",
+                    " = framing 10 ms + processing %" G_GINT64_FORMAT " samples (down converter, %s, %d at the input rate, "
+                    "up converter, %s, %d and library send path %d at 16 kHz) + reference lead %d samples at 16 kHz",
                     st->rate, st->channels, gst_audio_format_to_string(st->format), GST_TIME_ARGS(lat),
-                    processing_delay(st), speex_resampler_get_input_latency(st->down),
-                    speex_resampler_get_input_latency(st->up), KVAEC_SND_DELAY_SAMPLES, reserved_lead());
+                    processing_delay(st), st->down.kind(), st->down.input_latency(), st->up.kind(),
+                    st->up.input_latency(), KVAEC_SND_DELAY_SAMPLES, reserved_lead());
     gst_element_post_message(GST_ELEMENT(self), gst_message_new_latency(GST_OBJECT(self)));
     return TRUE;
 }
@@ -871,7 +874,7 @@ GstFlowReturn dsp_generate_output(GstBaseTransform *bt, GstBuffer **outbuf) {
     GstBuffer *in = bt->queued_buf;
     bt->queued_buf = nullptr;
     if (in == nullptr) return GST_FLOW_OK;
-    if (st->down == nullptr) {
+    if (!st->down.ready()) {
         gst_buffer_unref(in);
         return GST_FLOW_NOT_NEGOTIATED;
     }
@@ -936,25 +939,36 @@ GstFlowReturn dsp_generate_output(GstBaseTransform *bt, GstBuffer **outbuf) {
         ch = -1;
     }
     st->mono.resize(static_cast<size_t>(n));
-    for (int64_t i = 0; i < n; ++i) {
-        float v = 0.0f;
-        if (bps == 2) {
-            const int16_t *s = reinterpret_cast<const int16_t *>(map.data) + i * C;
-            if (ch >= 0) v = s[ch] / 32768.0f;
-            else {
-                int32_t acc = 0;
-                for (int c = 0; c < C; ++c) acc += s[c];
-                v = static_cast<float>(acc) / (32768.0f * static_cast<float>(C));
-            }
+    float *mono = st->mono.data();
+    if (bps == 2) {
+        const int16_t *s = reinterpret_cast<const int16_t *>(map.data);
+        if (ch >= 0) {
+            for (int64_t i = 0; i < n; ++i) mono[i] = s[i * C + ch] / 32768.0f;
         } else {
-            const float *s = reinterpret_cast<const float *>(map.data) + i * C;
-            if (ch >= 0) v = std::isfinite(s[ch]) ? s[ch] : 0.0f;
-            else {
-                for (int c = 0; c < C; ++c) v += std::isfinite(s[c]) ? s[c] : 0.0f;
-                v /= static_cast<float>(C);
+            const float g = 32768.0f * static_cast<float>(C);
+            for (int64_t i = 0; i < n; ++i) {
+                int32_t acc = 0;
+                for (int c = 0; c < C; ++c) acc += s[i * C + c];
+                mono[i] = static_cast<float>(acc) / g;
             }
         }
-        st->mono[static_cast<size_t>(i)] = v;
+    } else {
+        // Non-finite samples count as silence (a compare and a select, so
+        // the common layouts vectorise).
+        const float *s = reinterpret_cast<const float *>(map.data);
+        auto finite = [](float v) { return std::fabs(v) <= FLT_MAX ? v : 0.0f; };
+        const float fc = static_cast<float>(C);
+        if (ch >= 0) {
+            for (int64_t i = 0; i < n; ++i) mono[i] = finite(s[i * C + ch]);
+        } else if (C == 2) {
+            for (int64_t i = 0; i < n; ++i) mono[i] = (finite(s[2 * i]) + finite(s[2 * i + 1])) / 2.0f;
+        } else {
+            for (int64_t i = 0; i < n; ++i) {
+                float v = 0.0f;
+                for (int c = 0; c < C; ++c) v += finite(s[i * C + c]);
+                mono[i] = v / fc;
+            }
+        }
     }
     gst_buffer_unmap(in, &map);
 
@@ -1229,8 +1243,6 @@ void dsp_finalize(GObject *object) {
     DspState *st = self->st;
     worker_stop(st);
     probe_release(st);
-    if (st->down) speex_resampler_destroy(st->down);
-    if (st->up) speex_resampler_destroy(st->up);
     g_mutex_clear(&st->wlock);
     g_mutex_clear(&st->plock);
     g_cond_clear(&st->wcond);

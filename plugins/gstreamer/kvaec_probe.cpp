@@ -7,17 +7,16 @@
 // continues the previous one (within one sample) is appended; a small gap is
 // filled with silence, a small overlap is trimmed, and a jump of more than a
 // second (seek, new segment, restarted source) re-anchors the ring. The
-// converter's delay (SpeexDSP, fixed) is taken off, so ring position p holds
+// converter's delay (fixed, see kvaec_resample.h) is taken off, so ring position p holds
 // the far end played at p.
 #include "kvaec_probe.h"
 
-#include <speex/speex_resampler.h>
+#include "kvaec_resample.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <cstring>
-
-#define KVAEC_GST_RESAMPLER_QUALITY 5
 
 GST_DEBUG_CATEGORY(kvaec_gst_debug);
 #define GST_CAT_DEFAULT kvaec_gst_debug
@@ -30,7 +29,7 @@ struct _GstKvaecEchoProbe {
     KvaecFarRing *ring;
 
     // Streaming thread only.
-    SpeexResamplerState *rs;
+    KvaecResampler *rs;
     int rate, channels;
     GstAudioFormat format;
     int64_t in_next;       // play position of the next input sample, input-rate samples
@@ -111,12 +110,11 @@ void ring_seek(KvaecFarRing *r, int64_t pos) {
 // appends the result to the ring. Lock not held on entry.
 void feed(GstKvaecEchoProbe *self, const float *x, int64_t n) {
     std::vector<float> &out = *self->out16;
-    static const float zeros[512] = {};
     while (n > 0) {
         const int64_t chunk = std::min<int64_t>(n, 512);
-        spx_uint32_t in_len = static_cast<spx_uint32_t>(chunk);
-        spx_uint32_t out_len = static_cast<spx_uint32_t>(out.size());
-        speex_resampler_process_float(self->rs, 0, x != nullptr ? x : zeros, &in_len, out.data(), &out_len);
+        uint32_t in_len = static_cast<uint32_t>(chunk);
+        uint32_t out_len = static_cast<uint32_t>(out.size());
+        self->rs->process(x, &in_len, out.data(), &out_len);
         if (x != nullptr) x += in_len;
         n -= in_len;
         self->in_next += in_len;
@@ -144,8 +142,13 @@ void feed(GstKvaecEchoProbe *self, const float *x, int64_t n) {
                 }
             }
         }
-        for (spx_uint32_t i = 0; i < out_len; ++i)
-            r->buf[static_cast<size_t>((r->end + i) & (KvaecFarRing::kSize - 1))] = out[i];
+        // Into the ring in at most two contiguous pieces (it wraps once).
+        {
+            const size_t at = static_cast<size_t>(r->end & (KvaecFarRing::kSize - 1));
+            const size_t first = std::min<size_t>(out_len, static_cast<size_t>(KvaecFarRing::kSize) - at);
+            std::memcpy(r->buf.data() + at, out.data(), first * sizeof(float));
+            std::memcpy(r->buf.data(), out.data() + first, (out_len - first) * sizeof(float));
+        }
         r->end += out_len;
         r->start = std::max(r->start, r->end - KvaecFarRing::kSize);
         g_cond_broadcast(&self->cond);
@@ -158,27 +161,24 @@ gboolean probe_setup(GstAudioFilter *filter, const GstAudioInfo *info) {
     self->rate = GST_AUDIO_INFO_RATE(info);
     self->channels = GST_AUDIO_INFO_CHANNELS(info);
     self->format = GST_AUDIO_INFO_FORMAT(info);
-    if (self->rs != nullptr) speex_resampler_destroy(self->rs);
-    int err = 0;
-    self->rs = speex_resampler_init(1, static_cast<spx_uint32_t>(self->rate), kKvaecRate,
-                                    KVAEC_GST_RESAMPLER_QUALITY, &err);
-    if (self->rs == nullptr) {
-        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("resampler: %s", speex_resampler_strerror(err)), (nullptr));
+    const char *err = "";
+    if (!self->rs->init(self->rate, kKvaecRate, &err)) {
+        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("resampler: %s", err), (nullptr));
         return FALSE;
     }
     self->out16->assign(512 * kKvaecRate / 8000 + 64, 0.0f);
     g_mutex_lock(&self->lock);
     self->ring->anchored = false;  // re-anchored by the next buffer
     g_mutex_unlock(&self->lock);
-    GST_INFO_OBJECT(self, "far end %d Hz, %d channel(s), %s; converter delay %d samples", self->rate,
-                    self->channels, gst_audio_format_to_string(self->format),
-                    speex_resampler_get_input_latency(self->rs));
+    GST_INFO_OBJECT(self, "far end %d Hz, %d channel(s), %s; converter (%s) delay %d samples", self->rate,
+                    self->channels, gst_audio_format_to_string(self->format), self->rs->kind(),
+                    self->rs->input_latency());
     return TRUE;
 }
 
 GstFlowReturn probe_transform_ip(GstBaseTransform *bt, GstBuffer *buf) {
     GstKvaecEchoProbe *self = GST_KVAEC_ECHO_PROBE(bt);
-    if (self->rs == nullptr) return GST_FLOW_NOT_NEGOTIATED;
+    if (!self->rs->ready()) return GST_FLOW_NOT_NEGOTIATED;
     if (!self->live_known) {
         GstQuery *q = gst_query_new_latency();
         gboolean live = FALSE;
@@ -205,14 +205,21 @@ GstFlowReturn probe_transform_ip(GstBaseTransform *bt, GstBuffer *buf) {
             mono[static_cast<size_t>(i)] = static_cast<float>(acc) * (g / 32768.0f);
         }
     } else {
+        // Non-finite samples count as silence (a compare and a select, so
+        // the common layouts vectorise).
         const float *s = reinterpret_cast<const float *>(map.data);
-        for (int64_t i = 0; i < n; ++i) {
-            float acc = 0.0f;
-            for (int c = 0; c < C; ++c) {
-                const float v = s[i * C + c];
-                if (std::isfinite(v)) acc += v;
+        float *d = mono.data();
+        auto finite = [](float v) { return std::fabs(v) <= FLT_MAX ? v : 0.0f; };
+        if (C == 1) {
+            for (int64_t i = 0; i < n; ++i) d[i] = finite(s[i]);
+        } else if (C == 2) {
+            for (int64_t i = 0; i < n; ++i) d[i] = (finite(s[2 * i]) + finite(s[2 * i + 1])) * g;
+        } else {
+            for (int64_t i = 0; i < n; ++i) {
+                float acc = 0.0f;
+                for (int c = 0; c < C; ++c) acc += finite(s[i * C + c]);
+                d[i] = acc * g;
             }
-            mono[static_cast<size_t>(i)] = acc * g;
         }
     }
     gst_buffer_unmap(buf, &map);
@@ -234,9 +241,9 @@ GstFlowReturn probe_transform_ip(GstBaseTransform *bt, GstBuffer *buf) {
         if (!anchored || diff > self->rate || diff < -self->rate) {
             // (Re-)anchor: ring position of the converter's output j is
             // p * 16000 / rate - delay + j.
-            speex_resampler_reset_mem(self->rs);
+            self->rs->reset();
             self->in_next = p;
-            const double delay16 = static_cast<double>(speex_resampler_get_input_latency(self->rs)) * kKvaecRate / self->rate;
+            const double delay16 = static_cast<double>(self->rs->input_latency()) * kKvaecRate / self->rate;
             const int64_t pos = std::llround(static_cast<double>(p) * kKvaecRate / self->rate - delay16);
             g_mutex_lock(&self->lock);
             ring_seek(self->ring, pos);
@@ -350,7 +357,7 @@ void probe_dispose(GObject *object) {
 
 void probe_finalize(GObject *object) {
     GstKvaecEchoProbe *self = GST_KVAEC_ECHO_PROBE(object);
-    if (self->rs != nullptr) speex_resampler_destroy(self->rs);
+    delete self->rs;
     delete self->ring;
     delete self->mono;
     delete self->out16;
@@ -392,7 +399,7 @@ static void gst_kvaec_echo_probe_init(GstKvaecEchoProbe *self) {
     self->ring = new KvaecFarRing();
     self->mono = new std::vector<float>();
     self->out16 = new std::vector<float>();
-    self->rs = nullptr;
+    self->rs = new KvaecResampler();
     self->rate = 48000;
     self->channels = 1;
     self->format = GST_AUDIO_FORMAT_F32LE;

@@ -281,13 +281,16 @@ TEST(Dsp, OutputKeepsLengthRateChannelsFormatAndFirstTimestamp) {
 
 // What kvaecdsp adds to the LATENCY query, as docs/gstreamer.md breaks it
 // down: one 10 ms frame of framing; the processing delay in input-rate
-// samples (the SpeexDSP converters down to and up from 16 kHz and the
-// library's send-path delay of KVAEC_SND_DELAY_SAMPLES at 16 kHz); the
+// samples (the converters down to and up from 16 kHz and the library's
+// send-path delay of KVAEC_SND_DELAY_SAMPLES at 16 kHz: at 16 kHz no
+// converter, 120; at 48 kHz the FIR decimator's 16 * 3 samples plus
+// (120 + the FIR interpolator's 16) * 3 = 456; at 44.1 kHz SpeexDSP's at
+// quality 5, 553); the
 // reference lead at 16 kHz: the alignment shift for no known echo delay with
 // a 2 ms margin (kvaec_align_shift(0, 32) = 352), one frame, and the 9
 // samples of the fractional-delay interpolator's reach = 521 samples.
 struct LatencyParts { int rate; int processing; };
-constexpr LatencyParts kLatencyTable[] = {{16000, 200}, {44100, 553}, {48000, 600}};
+constexpr LatencyParts kLatencyTable[] = {{16000, 120}, {44100, 553}, {48000, 456}};
 constexpr GstClockTime kFraming = 10 * GST_MSECOND;
 const int kLead16 = kvaec_align_shift(0, 32) + KVAEC_FRAME_SAMPLES + 9;
 const GstClockTime kLead = gst_util_uint64_scale(static_cast<guint64>(kLead16), GST_SECOND, 16000);
@@ -554,7 +557,11 @@ TEST(Dsp, BypassTogglesWithoutAClick) {
     }
     RecordProperty("max_step", std::to_string(step));
     RecordProperty("signal_max_step", std::to_string(ownStep));
-    EXPECT_LE(step, ownStep) << "at " << static_cast<double>(at) / rate << " s";
+    // 1% over the signal's own step: the bypassed microphone passes the
+    // converters down to and back up from 16 kHz, each flat only within
+    // 0.01 dB (up to 0.14% more gain at these tones); a click would be of
+    // the echo's size, over five times the step (checked above).
+    EXPECT_LE(step, 1.01f * ownStep) << "at " << static_cast<double>(at) / rate << " s";
 }
 
 // ---- drift, stats ----
