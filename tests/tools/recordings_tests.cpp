@@ -241,6 +241,44 @@ TEST_F(Recordings, EchoOnlyTurnedDownIsNotCalledRemoved) {
     EXPECT_EQ(jstr(slurp(p("report.json")), "verdict"), "echo removed");
 }
 
+// Processing that also turns down the seconds without echo (here the
+// strongest noise reduction on steady microphone noise) is not called
+// removal, however large the linear figure; the default settings leave those
+// seconds alone.
+TEST_F(Recordings, OutputTurnedDownWithoutEchoIsNotCalledRemoved) {
+    RecordingSpec s = spec(50, 0.1, 0);
+    s.noise_dbfs = -60;
+    s.silence_start_sec = 20;
+    s.silence_len_sec = 15;
+    const Recording r = makeRecording(s);
+    const ToolRun strong = process(r, "--nr-level 1");
+    ASSERT_EQ(strong.code, 0) << strong.out;
+    std::string rep = slurp(p("report.json"));
+    EXPECT_GE(jnum(rep, "echo_free_seconds"), 3.0) << rep;
+    EXPECT_LT(jnum(rep, "echo_free_level_change_db"), -3.0) << rep;
+    EXPECT_GE(jnum(rep, "linear_echo_reduction_db"), 10.0) << rep;
+    EXPECT_EQ(jstr(rep, "verdict"), "echo not removed") << rep;
+    EXPECT_TRUE(has(strong, "verdict:         echo not removed")) << strong.out;
+    const ToolRun plain = process(r, "");
+    ASSERT_EQ(plain.code, 0) << plain.out;
+    rep = slurp(p("report.json"));
+    EXPECT_LE(std::fabs(jnum(rep, "echo_free_level_change_db")), 3.0) << rep;
+    EXPECT_EQ(jstr(rep, "verdict"), "echo removed") << rep;
+}
+
+// The seconds after the far end falls silent hold the echo tail of its last
+// words, which the filters cancel: they are not echo-free, and a recording
+// whose far end ends before the microphone's keeps its verdict.
+TEST_F(Recordings, EchoTailAfterTheFarEndStopsIsNotEchoFree) {
+    const Recording r = makeRecording(spec(40, -3.0, 0));
+    const ToolRun run = process(r);
+    ASSERT_EQ(run.code, 0) << run.out;
+    const std::string rep = slurp(p("report.json"));
+    EXPECT_GE(jnum(rep, "echo_free_seconds"), 1.0) << rep;
+    EXPECT_LE(std::fabs(jnum(rep, "echo_free_level_change_db")), 3.0) << rep;
+    EXPECT_EQ(jstr(rep, "verdict"), "echo removed") << rep;
+}
+
 namespace {
 
 // ERLE over the last `tail` seconds of a drifting pair next to the same pair

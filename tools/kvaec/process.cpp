@@ -598,7 +598,7 @@ std::string jsonStr(const std::string &s) {
 
 // Per-second windows of the cancelling pass, for the verdict.
 struct Window {
-    int frames = 0, farActive = 0, doubleTalk = 0, bad = 0;
+    int frames = 0, farActive = 0, farQuiet = 0, doubleTalk = 0, bad = 0;
     double mic = 0, out = 0, linErr = 0, linMic = 0;
 };
 
@@ -607,13 +607,23 @@ struct Window {
 // Thresholds of the verdict (docs/recordings.md gives the figures they come from).
 // A window is echo-only when the far end is active in 80 % of its frames
 // and the double-talk flag is up in at most 10 %; echo-free when the far end
-// is active in none.
+// has been inactive for kEchoTailFrames before each of its frames (the echo
+// of the last active frames, and its cancellation, would otherwise count).
 constexpr double kEchoOnlyFarShare = 0.8;
 constexpr double kEchoOnlyDtShare = 0.1;
+constexpr int kEchoTailFrames = 25;
 // Linear echo reduction from which the echo counts as removed.
 constexpr double kRemovedDb = 10.0;
 // Echo-only windows needed for a verdict other than "not removed".
 constexpr int kMinEchoOnlyWindows = 3;
+// Largest change of the output level against the microphone's in echo-free
+// windows (at least kMinEchoOnlyWindows of them) for "removed": cancelling
+// the echo leaves the seconds without echo as they were (measured 0.2-0.3 dB
+// with the default settings and in linear mode, 1.5 dB on microphone noise
+// at -100 dBFS); processing that turns those down as well (20 dB with the
+// strongest noise reduction on -60 dBFS noise) makes the echo figures say
+// nothing about removal.
+constexpr double kEchoFreeMaxChangeDb = 3.0;
 
 int runProcess(const ProcessArgs &a) {
     checkSettings(a.settings);
@@ -932,6 +942,8 @@ int runProcess(const ProcessArgs &a) {
     st.mode |= KVAEC_MODE_SEND_ONLY_LOSS;
     const bool linearMode = (st.mode & KVAEC_MODE_NO_NLP) && (st.mode & KVAEC_MODE_NO_NR);
     const double farActiveDb = std::max(-60.0, cf.rmsDb() - 30.0);
+    // Frames since the far end was last active (large at the start: nothing was played yet).
+    long framesSinceFarActive = kEchoTailFrames;
     std::vector<Window> windows;
     std::vector<double> breaksAt;  // canceller frames of the breaks
     long long framesRun = 0;
@@ -1017,6 +1029,7 @@ int runProcess(const ProcessArgs &a) {
             }
             const double farDb = powerDb(rin, kFrame);
             const bool farActive = farDb > farActiveDb;
+            framesSinceFarActive = farActive ? 0 : framesSinceFarActive + 1;
             bool badMic = false;
             for (int n = 0; n < kFrame; ++n)
                 if (std::fabs(sin[n]) > kHugeSample) badMic = true;
@@ -1072,6 +1085,7 @@ int runProcess(const ProcessArgs &a) {
                 Window &w = windows[static_cast<size_t>(wk)];
                 ++w.frames;
                 w.farActive += farActive ? 1 : 0;
+                w.farQuiet += framesSinceFarActive >= kEchoTailFrames ? 1 : 0;
                 w.doubleTalk += dt;
                 const bool bad = badMic || health.nearReset(static_cast<long>(k));
                 if (bad) {
@@ -1142,7 +1156,7 @@ int runProcess(const ProcessArgs &a) {
             eoLinMic += w.linMic;
             eoLinErr += w.linErr;
             ++eoWindows;
-        } else if (w.farActive == 0) {
+        } else if (w.farQuiet == w.frames) {
             efMic += w.mic;
             efOut += w.out;
             ++efWindows;
@@ -1161,6 +1175,12 @@ int runProcess(const ProcessArgs &a) {
     } else if (eoWindows < kMinEchoOnlyWindows) {
         verdict = "echo not removed";
         reason = fmt("only %d echo-only second(s): the far end is seldom active without the local talker", eoWindows);
+    } else if (linearFigure >= kRemovedDb && efWindows >= kMinEchoOnlyWindows &&
+               std::fabs(efChange) > kEchoFreeMaxChangeDb) {
+        verdict = "echo not removed";
+        reason = fmt("linear echo reduction %.1f dB, but the output level also changed by %+.1f dB in %d echo-free "
+                     "second(s) (at most %.0f dB allowed): the processing changes more than the echo (noise "
+                     "reduction or suppression)", linearFigure, efChange, efWindows, kEchoFreeMaxChangeDb);
     } else if (linearFigure >= kRemovedDb) {
         verdict = "echo removed";
         reason = fmt("linear echo reduction %.1f dB in %d echo-only second(s)", linearFigure, eoWindows);
