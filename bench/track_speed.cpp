@@ -22,7 +22,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: kvaec_track_speed [minutes] [rate] [drift_ppm] [block]\n");
         return 2;
     }
-    kvaec::test::RecordingSpec s;
+    kvaec::test::RecordingPlan s;
     s.rate = rate;
     s.seconds = minutes * 60.0;
     s.seed = 7;

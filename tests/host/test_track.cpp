@@ -22,7 +22,7 @@ namespace {
 
 using kvaec::test::makeRecording;
 using kvaec::test::Recording;
-using kvaec::test::RecordingSpec;
+using kvaec::test::RecordingPlan;
 
 constexpr int kRate = 16000;
 
@@ -65,7 +65,7 @@ double worstWindowError(const Result &res, const Recording &r, int *counted = nu
     int n = 0;
     for (const auto &w : res.win) {
         if (!w.trusted) continue;
-        if (r.spec.jump_at_sec >= 0 && std::fabs(w.time_sec - r.spec.jump_at_sec) < 2.5) continue;
+        if (r.plan.jump_at_sec >= 0 && std::fabs(w.time_sec - r.plan.jump_at_sec) < 2.5) continue;
         worst = std::max(worst, std::fabs(w.delay_sec - r.delayAt(w.time_sec)) * r.rate);
         ++n;
     }
@@ -73,8 +73,8 @@ double worstWindowError(const Result &res, const Recording &r, int *counted = nu
     return worst;
 }
 
-RecordingSpec spec(double seconds, uint32_t seed) {
-    RecordingSpec s;
+RecordingPlan plan(double seconds, uint32_t seed) {
+    RecordingPlan s;
     s.rate = kRate;
     s.seconds = seconds;
     s.seed = seed;
@@ -83,7 +83,7 @@ RecordingSpec spec(double seconds, uint32_t seed) {
 }
 
 void expectSteadyDrift(double seconds, double ppm, double tolPpm, uint32_t seed) {
-    RecordingSpec s = spec(seconds, seed);
+    RecordingPlan s = plan(seconds, seed);
     s.bulk_delay_sec = 0.1;
     s.drift_ppm = ppm;
     const Recording r = makeRecording(s);
@@ -102,7 +102,7 @@ void expectSteadyDrift(double seconds, double ppm, double tolPpm, uint32_t seed)
 }
 
 void expectJump(double seconds, double at, double jump, uint32_t seed) {
-    RecordingSpec s = spec(seconds, seed);
+    RecordingPlan s = plan(seconds, seed);
     s.bulk_delay_sec = 0.1;
     s.jump_at_sec = at;
     s.jump_sec = jump;
@@ -124,7 +124,7 @@ void expectJump(double seconds, double at, double jump, uint32_t seed) {
 }
 
 void expectDriftChange(double seconds, double at, uint32_t seed) {
-    RecordingSpec s = spec(seconds, seed);
+    RecordingPlan s = plan(seconds, seed);
     s.bulk_delay_sec = 0.1;
     s.drift_ppm = 50;
     s.drift_change_sec = at;
@@ -153,7 +153,7 @@ void expectDriftChange(double seconds, double at, uint32_t seed) {
 // ---- normal suite: short recordings ----
 
 TEST(Track, NoDriftWithBulkDelayOf100msIsFlatAndExact) {
-    RecordingSpec s = spec(150, 11);
+    RecordingPlan s = plan(150, 11);
     s.bulk_delay_sec = 0.1;
     const Recording r = makeRecording(s);
     const Result res = runTrack(r);
@@ -188,7 +188,7 @@ TEST(Track, JumpOfMinus40msIsABreakAtItsTime) { expectJump(150, 75, -0.040, 19);
 TEST(Track, DriftChangeWithoutJumpIsNoBreak) { expectDriftChange(240, 100, 20); }
 
 TEST(Track, SilentFarEndStretchIsInterpolatedWithoutBreak) {
-    RecordingSpec s = spec(200, 21);
+    RecordingPlan s = plan(200, 21);
     s.bulk_delay_sec = 0.1;
     s.drift_ppm = 50;
     s.silence_start_sec = 40;
@@ -210,9 +210,9 @@ TEST(Track, SilentFarEndStretchIsInterpolatedWithoutBreak) {
 }
 
 TEST(Track, UnrelatedFarFileIsNoMatch) {
-    RecordingSpec s = spec(120, 22);
+    RecordingPlan s = plan(120, 22);
     const Recording r = makeRecording(s);
-    RecordingSpec o = spec(120, 23);
+    RecordingPlan o = plan(120, 23);
     Recording other = makeRecording(o);
     other.mic = r.mic;  // the far end of one call, the microphone of another
     const Result res = runTrack(other);
@@ -223,7 +223,7 @@ TEST(Track, UnrelatedFarFileIsNoMatch) {
 }
 
 TEST(Track, SilentFarEndIsNoActivity) {
-    RecordingSpec s = spec(30, 24);
+    RecordingPlan s = plan(30, 24);
     Recording r = makeRecording(s);
     std::fill(r.far.begin(), r.far.end(), 0.0f);
     const Result res = runTrack(r);
@@ -233,7 +233,7 @@ TEST(Track, SilentFarEndIsNoActivity) {
 }
 
 TEST(Track, FarEndDeclaredAt48kWithDataAt44k1IsRateMismatch) {
-    RecordingSpec s = spec(120, 25);
+    RecordingPlan s = plan(120, 25);
     s.local_talker = false;
     s.far_rate_ratio = 44100.0 / 48000.0;
     const Recording r = makeRecording(s);
@@ -247,7 +247,7 @@ TEST(Track, FarEndDeclaredAt48kWithDataAt44k1IsRateMismatch) {
 TEST(Track, FarEndRunning1Point2PercentFastIsRateMismatch) {
     // Not a pair of common rates: found on the grid of ratios and refined
     // by the residual drift the windows measure.
-    RecordingSpec s = spec(120, 35);
+    RecordingPlan s = plan(120, 35);
     s.far_rate_ratio = 1.012;
     const Recording r = makeRecording(s);
     const Result res = runTrack(r);
@@ -257,7 +257,7 @@ TEST(Track, FarEndRunning1Point2PercentFastIsRateMismatch) {
 }
 
 TEST(Track, MicrophoneStarting3sLateIsMinus3sToOneSample) {
-    RecordingSpec s = spec(120, 26);
+    RecordingPlan s = plan(120, 26);
     s.bulk_delay_sec = -3.0;
     const Recording r = makeRecording(s);
     kvaec_track_params p;
@@ -276,7 +276,7 @@ TEST(Track, MicrophoneStarting3sLateIsMinus3sToOneSample) {
 }
 
 TEST(Track, OddBlockSizesGiveTheSameResultAsOneBlock) {
-    RecordingSpec s = spec(90, 27);
+    RecordingPlan s = plan(90, 27);
     s.drift_ppm = 100;
     s.jump_at_sec = 50;
     s.jump_sec = 0.01;
@@ -322,7 +322,7 @@ TEST(Track, OddBlockSizesGiveTheSameResultAsOneBlock) {
 }
 
 TEST(Track, LatestFollowsTheNewestTrustedWindowWhileStreaming) {
-    RecordingSpec s = spec(60, 28);
+    RecordingPlan s = plan(60, 28);
     s.local_talker = false;
     s.bulk_delay_sec = 0.25;
     const Recording r = makeRecording(s);
@@ -358,7 +358,7 @@ TEST(Track, LatestFollowsTheNewestTrustedWindowWhileStreaming) {
 }
 
 TEST(Track, LatestIsFoundEarlyInALiveStream) {
-    RecordingSpec s = spec(20, 29);
+    RecordingPlan s = plan(20, 29);
     s.local_talker = false;
     const Recording r = makeRecording(s);
     kvaec_track *t = kvaec_track_create(kRate, nullptr);
@@ -372,7 +372,7 @@ TEST(Track, LatestIsFoundEarlyInALiveStream) {
 }
 
 TEST(Track, BadSamplesAreLeftOut) {
-    RecordingSpec s = spec(90, 30);
+    RecordingPlan s = plan(90, 30);
     Recording r = makeRecording(s);
     // NaNs in the far end, a burst of huge values in the microphone.
     for (size_t i = 20 * kRate; i < 20 * kRate + 800; ++i) r.far[i] = NAN;
@@ -389,7 +389,7 @@ TEST(Track, BadSamplesAreLeftOut) {
 }
 
 TEST(Track, WorksAt48kHz) {
-    RecordingSpec s = spec(60, 31);
+    RecordingPlan s = plan(60, 31);
     s.rate = 48000;
     s.drift_ppm = 40;
     const Recording r = makeRecording(s);
@@ -401,7 +401,7 @@ TEST(Track, WorksAt48kHz) {
 }
 
 TEST(Track, MemoryStaysBoundedWhileStreaming) {
-    RecordingSpec s = spec(240, 32);
+    RecordingPlan s = plan(240, 32);
     const Recording r = makeRecording(s);
     kvaec_track_params p;
     kvaec_track_default_params(&p);
@@ -498,7 +498,7 @@ TEST(TrackLong, JumpOfMinus40msAt5Minutes) { expectJump(600, 300, -0.040, 49); }
 TEST(TrackLong, DriftFrom50To80PpmAt4Minutes) { expectDriftChange(600, 240, 50); }
 
 TEST(TrackLong, TwoMinuteSilentFarEndAt50Ppm) {
-    RecordingSpec s = spec(600, 51);
+    RecordingPlan s = plan(600, 51);
     s.drift_ppm = 50;
     s.silence_start_sec = 240;
     s.silence_len_sec = 120;

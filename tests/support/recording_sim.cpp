@@ -191,41 +191,41 @@ std::vector<float> speechLike(int rate, double seconds, uint32_t seed, double db
 }
 
 double Recording::delayAt(double t) const {
-    double d = spec.bulk_delay_sec + spec.drift_ppm * 1e-6 * t;
-    if (spec.drift_change_sec >= 0 && t > spec.drift_change_sec)
-        d += (spec.drift2_ppm - spec.drift_ppm) * 1e-6 * (t - spec.drift_change_sec);
-    if (spec.jump_at_sec >= 0 && t >= spec.jump_at_sec) d += spec.jump_sec;
+    double d = plan.bulk_delay_sec + plan.drift_ppm * 1e-6 * t;
+    if (plan.drift_change_sec >= 0 && t > plan.drift_change_sec)
+        d += (plan.drift2_ppm - plan.drift_ppm) * 1e-6 * (t - plan.drift_change_sec);
+    if (plan.jump_at_sec >= 0 && t >= plan.jump_at_sec) d += plan.jump_sec;
     return d;
 }
 
-Recording makeRecording(const RecordingSpec &spec) {
+Recording makeRecording(const RecordingPlan &plan) {
     Recording r;
-    r.rate = spec.rate;
-    r.spec = spec;
-    const int rate = spec.rate;
-    const size_t n = static_cast<size_t>(spec.seconds * rate);
-    r.far = speechLike(rate, spec.seconds, spec.seed, spec.far_dbfs);
+    r.rate = plan.rate;
+    r.plan = plan;
+    const int rate = plan.rate;
+    const size_t n = static_cast<size_t>(plan.seconds * rate);
+    r.far = speechLike(rate, plan.seconds, plan.seed, plan.far_dbfs);
     r.far.resize(n, 0.0f);
-    if (spec.silence_start_sec >= 0) {
-        const size_t a = std::min(n, static_cast<size_t>(spec.silence_start_sec * rate));
-        const size_t b = std::min(n, static_cast<size_t>((spec.silence_start_sec + spec.silence_len_sec) * rate));
+    if (plan.silence_start_sec >= 0) {
+        const size_t a = std::min(n, static_cast<size_t>(plan.silence_start_sec * rate));
+        const size_t b = std::min(n, static_cast<size_t>((plan.silence_start_sec + plan.silence_len_sec) * rate));
         std::fill(r.far.begin() + static_cast<long>(a), r.far.begin() + static_cast<long>(b), 0.0f);
     }
     // What the loudspeaker played at each microphone sample: the far file at
     // the fractional position the delay model gives (cut-off lowered when
     // the far file is read faster than its rate, so nothing aliases).
-    const SincKernel kernel(std::min(1.0, 0.98 / spec.far_rate_ratio));
+    const SincKernel kernel(std::min(1.0, 0.98 / plan.far_rate_ratio));
     std::vector<float> played(n);
     for (size_t j = 0; j < n; ++j) {
         const double t = static_cast<double>(j) / rate;
-        const double farPos = (t - r.delayAt(t)) * rate * spec.far_rate_ratio;
+        const double farPos = (t - r.delayAt(t)) * rate * plan.far_rate_ratio;
         played[j] = static_cast<float>(kernel.interpolate(r.far, farPos));
     }
     // Room: direct sound, then reflections from 2.5 ms decaying by 60 dB over
     // the response; the tail carries 60 % of the direct sound's energy.
-    std::mt19937 rng(spec.seed * 7919u + 17u);
+    std::mt19937 rng(plan.seed * 7919u + 17u);
     std::normal_distribution<double> g(0.0, 1.0);
-    const size_t len = std::max<size_t>(8, static_cast<size_t>(spec.room_ms * 1e-3 * rate));
+    const size_t len = std::max<size_t>(8, static_cast<size_t>(plan.room_ms * 1e-3 * rate));
     const size_t first = static_cast<size_t>(0.0025 * rate);
     std::vector<double> h(len, 0.0);
     h[0] = 1.0;
@@ -236,12 +236,12 @@ Recording makeRecording(const RecordingSpec &spec) {
     }
     if (tail > 0)
         for (size_t i = first; i < len; ++i) h[i] *= std::sqrt(0.6 / tail);
-    const double gain = std::pow(10.0, spec.echo_db / 20.0) / std::sqrt(1.6);
+    const double gain = std::pow(10.0, plan.echo_db / 20.0) / std::sqrt(1.6);
     for (auto &v : h) v *= gain;
     r.mic = convolve(played, h);
-    if (spec.local_talker) {
+    if (plan.local_talker) {
         // Spurts of 1-3 s placed at random until a fifth of the time is covered.
-        std::vector<float> talk = speechLike(rate, spec.seconds, spec.seed + 1000u, spec.far_dbfs + spec.echo_db + 4);
+        std::vector<float> talk = speechLike(rate, plan.seconds, plan.seed + 1000u, plan.far_dbfs + plan.echo_db + 4);
         talk.resize(n, 0.0f);
         std::vector<uint8_t> on(n, 0);
         std::uniform_real_distribution<double> u(0.0, 1.0);
@@ -258,7 +258,7 @@ Recording makeRecording(const RecordingSpec &spec) {
         for (size_t i = 0; i < n; ++i)
             if (on[i]) r.mic[i] += talk[i];
     }
-    const double noise = std::pow(10.0, spec.noise_dbfs / 20.0);
+    const double noise = std::pow(10.0, plan.noise_dbfs / 20.0);
     for (auto &v : r.mic) v = static_cast<float>(v + noise * g(rng));
     return r;
 }

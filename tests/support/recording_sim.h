@@ -19,7 +19,7 @@
 
 namespace kvaec::test {
 
-struct RecordingSpec {
+struct RecordingPlan {
     int rate = 16000;            // rate of both files, Hz
     double seconds = 120;        // length of both files
     uint32_t seed = 1;
@@ -47,12 +47,12 @@ struct Recording {
     int rate = 16000;
     std::vector<float> far;
     std::vector<float> mic;
-    RecordingSpec spec;
-    // True delay at microphone time t (s), as the spec's model defines it.
+    RecordingPlan plan;
+    // True delay at microphone time t (s), as the plan's model defines it.
     double delayAt(double t) const;
 };
 
-Recording makeRecording(const RecordingSpec &spec);
+Recording makeRecording(const RecordingPlan &plan);
 
 // Speech-like signal: `seconds` at `rate`, RMS `dbfs` while talking, pauses
 // between talk spurts (about a third of the time silent).

@@ -27,7 +27,7 @@ namespace {
 
 using kvaec::test::makeRecording;
 using kvaec::test::Recording;
-using kvaec::test::RecordingSpec;
+using kvaec::test::RecordingPlan;
 
 struct ToolRun {
     int code;
@@ -168,8 +168,8 @@ public:
     std::string dir;
 };
 
-RecordingSpec spec(double seconds, double bulk, double ppm, uint32_t seed = 3) {
-    RecordingSpec s;
+RecordingPlan plan(double seconds, double bulk, double ppm, uint32_t seed = 3) {
+    RecordingPlan s;
     s.seconds = seconds;
     s.bulk_delay_sec = bulk;
     s.drift_ppm = ppm;
@@ -197,8 +197,8 @@ double trackError(const std::string &report, const Recording &r) {
     }
     if (segs.empty()) return 1e9;
     double worst = 0;
-    for (double t = 0; t < r.spec.seconds; t += 1.0) {
-        if (r.spec.jump_at_sec >= 0 && std::fabs(t - r.spec.jump_at_sec) < 2.0) continue;
+    for (double t = 0; t < r.plan.seconds; t += 1.0) {
+        if (r.plan.jump_at_sec >= 0 && std::fabs(t - r.plan.jump_at_sec) < 2.0) continue;
         size_t i = 0;
         while (i + 1 < segs.size() && t >= segs[i + 1].start) ++i;
         const double fitted = segs[i].delay + segs[i].ppm * 1e-6 * (t - segs[i].start);
@@ -211,7 +211,7 @@ double trackError(const std::string &report, const Recording &r) {
 
 // Offset, drift and the linear echo reduction of a pair on one clock.
 TEST_F(Recordings, NoDriftFindsTheOffsetToAQuarterSampleAndCancelsLinearly) {
-    const Recording r = makeRecording(spec(60, 0.1, 0));
+    const Recording r = makeRecording(plan(60, 0.1, 0));
     const ToolRun run = process(r);
     ASSERT_EQ(run.code, 0) << run.out;
     const std::string rep = slurp(p("report.json"));
@@ -228,7 +228,7 @@ TEST_F(Recordings, NoDriftFindsTheOffsetToAQuarterSampleAndCancelsLinearly) {
 // A far end aligned too late (the echo comes before its reference) is only
 // turned down by the residual suppression: the verdict says so.
 TEST_F(Recordings, EchoOnlyTurnedDownIsNotCalledRemoved) {
-    const Recording r = makeRecording(spec(40, 0.1, 0));
+    const Recording r = makeRecording(plan(40, 0.1, 0));
     const ToolRun bad = process(r, "--delay 150");
     ASSERT_EQ(bad.code, 0) << bad.out;
     const std::string rep = slurp(p("report.json"));
@@ -246,7 +246,7 @@ TEST_F(Recordings, EchoOnlyTurnedDownIsNotCalledRemoved) {
 // removal, however large the linear figure; the default settings leave those
 // seconds alone.
 TEST_F(Recordings, OutputTurnedDownWithoutEchoIsNotCalledRemoved) {
-    RecordingSpec s = spec(50, 0.1, 0);
+    RecordingPlan s = plan(50, 0.1, 0);
     s.noise_dbfs = -60;
     s.silence_start_sec = 20;
     s.silence_len_sec = 15;
@@ -270,7 +270,7 @@ TEST_F(Recordings, OutputTurnedDownWithoutEchoIsNotCalledRemoved) {
 // words, which the filters cancel: they are not echo-free, and a recording
 // whose far end ends before the microphone's keeps its verdict.
 TEST_F(Recordings, EchoTailAfterTheFarEndStopsIsNotEchoFree) {
-    const Recording r = makeRecording(spec(40, -3.0, 0));
+    const Recording r = makeRecording(plan(40, -3.0, 0));
     const ToolRun run = process(r);
     ASSERT_EQ(run.code, 0) << run.out;
     const std::string rep = slurp(p("report.json"));
@@ -285,8 +285,8 @@ namespace {
 // without drift.
 void expectDriftFollowed(Recordings *t, double seconds, double tail, double ppm, double bulk = 0.1) {
     SCOPED_TRACE(std::to_string(ppm) + " ppm");
-    const Recording r0 = makeRecording(spec(seconds, bulk, 0));
-    const Recording r1 = makeRecording(spec(seconds, bulk, ppm));
+    const Recording r0 = makeRecording(plan(seconds, bulk, 0));
+    const Recording r1 = makeRecording(plan(seconds, bulk, ppm));
     const ToolRun a = t->process(r0, "--no-nlp --no-nr", "0"), b = t->process(r1, "--no-nlp --no-nr", "1");
     ASSERT_EQ(a.code, 0) << a.out;
     ASSERT_EQ(b.code, 0) << b.out;
@@ -315,7 +315,7 @@ namespace {
 // A jump of the delay: the echo reduction is back within 3 dB 2 s after it.
 void expectJumpFollowed(Recordings *t, double seconds, double at, double jump) {
     SCOPED_TRACE(std::to_string(jump * 1000) + " ms");
-    RecordingSpec s = spec(seconds, 0.1, 0);
+    RecordingPlan s = plan(seconds, 0.1, 0);
     s.jump_at_sec = at;
     s.jump_sec = jump;
     const Recording r = makeRecording(s);
@@ -350,7 +350,7 @@ TEST_F(Recordings, LongJumpOfFortyMillisecondsAtFiveMinutes) {
 namespace {
 
 void expectDriftChangeFollowed(Recordings *t, double seconds, double at) {
-    RecordingSpec s = spec(seconds, 0.1, 50);
+    RecordingPlan s = plan(seconds, 0.1, 50);
     s.drift_change_sec = at;
     s.drift2_ppm = 80;
     const Recording r = makeRecording(s);
@@ -371,7 +371,7 @@ TEST_F(Recordings, LongChangeOfDriftFromFiftyToEightyPpmAtFourMinutes) { expectD
 namespace {
 
 void expectSilenceBridged(Recordings *t, double seconds, double from, double len) {
-    RecordingSpec s = spec(seconds, 0.1, 100);
+    RecordingPlan s = plan(seconds, 0.1, 100);
     s.silence_start_sec = from;
     s.silence_len_sec = len;
     const Recording r = makeRecording(s);
@@ -396,8 +396,8 @@ TEST_F(Recordings, SilentStretchOfTheFarEndIsBridged) { expectSilenceBridged(thi
 TEST_F(Recordings, LongTwoMinutesOfSilentFarEnd) { expectSilenceBridged(this, 360, 120, 120); }
 
 TEST_F(Recordings, UnrelatedFarEndIsReportedAndTheMicrophoneKept) {
-    const Recording r = makeRecording(spec(40, 0.1, 0, 3));
-    const Recording other = makeRecording(spec(40, 0.1, 0, 77));
+    const Recording r = makeRecording(plan(40, 0.1, 0, 3));
+    const Recording other = makeRecording(plan(40, 0.1, 0, 77));
     writeWav(p("far.wav"), other.far, 16000);
     writeWav(p("mic.wav"), r.mic, 16000);
     const ToolRun run = tool("process -q --no-nlp --no-nr --far " + p("far.wav") + " --mic " + p("mic.wav") + " -o " +
@@ -420,7 +420,7 @@ TEST_F(Recordings, UnrelatedFarEndIsReportedAndTheMicrophoneKept) {
 // clock 30 ppm off: the output is 44.1 kHz stereo of the microphone's exact
 // length, the echo gone from the cleaned channel.
 TEST_F(Recordings, OtherRatesAndChannelsKeepTheMicrophoneFormat) {
-    RecordingSpec s = spec(60, 0.12, 30);
+    RecordingPlan s = plan(60, 0.12, 30);
     s.rate = 48000;
     const Recording r = makeRecording(s);
     const std::vector<float> mic441 = kvaec::tool::resample(r.mic, 48000, 44100);
@@ -453,7 +453,7 @@ TEST_F(Recordings, OtherRatesAndChannelsKeepTheMicrophoneFormat) {
 }
 
 TEST_F(Recordings, WronglyDeclaredRateIsAnErrorNamingTheLikelyCause) {
-    RecordingSpec s = spec(60, 0.1, 0);
+    RecordingPlan s = plan(60, 0.1, 0);
     s.rate = 48000;
     s.far_rate_ratio = 0.91875;  // 44.1 kHz data declared as 48 kHz
     const Recording r = makeRecording(s);
@@ -469,7 +469,7 @@ TEST_F(Recordings, WronglyDeclaredRateIsAnErrorNamingTheLikelyCause) {
 // The default search reaches 5 s either way: a microphone recording that
 // started 3 s after the far end's is found to a sample.
 TEST_F(Recordings, MicrophoneStartingThreeSecondsLateIsFound) {
-    const Recording r = makeRecording(spec(60, -3.0, 0));
+    const Recording r = makeRecording(plan(60, -3.0, 0));
     const ToolRun run = process(r);
     ASSERT_EQ(run.code, 0) << run.out;
     const std::string rep = slurp(p("report.json"));
@@ -483,7 +483,7 @@ TEST_F(Recordings, MicrophoneStartingThreeSecondsLateIsFound) {
 // writes it.
 TEST_F(Recordings, LongHourAtHundredPpmStreamsInBoundedMemory) {
     {
-        RecordingSpec s = spec(3600, 0.08, 100);
+        RecordingPlan s = plan(3600, 0.08, 100);
         s.rate = 48000;
         const Recording r = makeRecording(s);
         writeWav(p("far.wav"), r.far, 48000, 2);
